@@ -3,6 +3,7 @@
 // joined, so that the descriptor is never reused under a running receive.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -26,7 +27,8 @@ class UdpSocket {
   UdpSocket& operator=(UdpSocket&& other) noexcept;
 
   // Opens a socket bound to `local` (ip 0 = any address, port 0 = any port). False on
-  // failure, with the socket left closed. Address reuse is off: a taken port fails.
+  // failure, with the socket left closed. Address reuse is off: a taken port fails. False
+  // also when this object is already open (close it first; it is left as it was).
   bool Open(UdpEndpoint local);
   bool is_open() const { return fd_ >= 0; }
   // The bound address (port filled in when 0 was asked for).
@@ -39,7 +41,8 @@ class UdpSocket {
   // it), or nullopt once the socket is shut down or closed, or on an error other than an
   // interrupted call. `from` may be null.
   std::optional<std::size_t> Receive(std::span<std::byte> buffer, UdpEndpoint* from) const;
-  // As Receive, but gives up after `timeout_ms` with 0 bytes and `timed_out` set.
+  // As Receive, but gives up after `timeout_ms` with 0 bytes and `timed_out` set (a negative
+  // timeout waits without limit). `timed_out` may be null.
   std::optional<std::size_t> ReceiveFor(std::span<std::byte> buffer, UdpEndpoint* from,
                                         int timeout_ms, bool* timed_out) const;
 
@@ -49,11 +52,14 @@ class UdpSocket {
   void Close();
 
  private:
-  int fd_ = -1;
+  // Atomic because Shutdown (and is_open) run on another thread than the blocked receiver.
+  std::atomic<int> fd_{-1};
+  std::atomic<bool> shut_down_{false};
 };
 
 // "a.b.c.d" of a host-order address, and back (nullopt for anything that is not four dotted
-// decimal numbers of 0 to 255).
+// decimal numbers of 0 to 255). ParseIpv4 reads at most `length` bytes and stops early at a
+// NUL; a part with a leading zero ("010") is refused, since some parsers read it as octal.
 void FormatIpv4(std::uint32_t ip, char (&out)[16]);
 std::optional<std::uint32_t> ParseIpv4(const char* text, std::size_t length);
 

@@ -1,0 +1,340 @@
+// Costs of the receive path's pieces: G.711, the voice buffer, concealment, and the heap
+// allocations per frame once the path has warmed up.
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <random>
+#include <span>
+
+#include "voice/buffer.h"
+#include "voice/g711.h"
+#include "voice/plc.h"
+
+// ---- Allocation counting: every global operator new of this program goes through here -----
+
+namespace {
+std::atomic<std::uint64_t> g_allocations{0};
+
+void* CountedAllocate(std::size_t size) {
+  g_allocations.fetch_add(1, std::memory_order_relaxed);
+  return std::malloc(size == 0 ? 1 : size);
+}
+
+// Out of line, so that the compiler does not pair an inlined free with a new expression.
+[[gnu::noinline]] void CountedFree(void* p) noexcept { std::free(p); }
+}  // namespace
+
+void* operator new(std::size_t size) {
+  void* p = CountedAllocate(size);
+  if (p == nullptr) throw std::bad_alloc();
+  return p;
+}
+void* operator new[](std::size_t size) { return operator new(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return CountedAllocate(size); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+  return CountedAllocate(size);
+}
+void operator delete(void* p) noexcept { CountedFree(p); }
+void operator delete[](void* p) noexcept { CountedFree(p); }
+void operator delete(void* p, std::size_t) noexcept { CountedFree(p); }
+void operator delete[](void* p, std::size_t) noexcept { CountedFree(p); }
+void operator delete(void* p, const std::nothrow_t&) noexcept { CountedFree(p); }
+void operator delete[](void* p, const std::nothrow_t&) noexcept { CountedFree(p); }
+
+namespace {
+
+using deskline::CBuffer;
+using deskline::CG711;
+using deskline::CPlc;
+using Frame = std::array<std::int16_t, 160>;
+using Payload = std::array<std::uint8_t, 160>;
+
+Frame SpeechLikeFrame(unsigned seed) {
+  std::mt19937 random(seed);
+  std::normal_distribution<double> level(0.0, 6000.0);
+  Frame frame{};
+  for (auto& s : frame) s = static_cast<std::int16_t>(std::clamp(level(random), -32768.0, 32767.0));
+  return frame;
+}
+
+// ---- G.711 -----------------------------------------------------------------------------------
+
+void BM_EncodeUlaw(benchmark::State& state) {
+  const CG711 g711;
+  const Frame in = SpeechLikeFrame(1);
+  Payload out{};
+  for (auto _ : state) {
+    g711.EncodeUlaw(out, in);
+    benchmark::DoNotOptimize(out.data());
+    benchmark::ClobberMemory();
+  }
+}
+BENCHMARK(BM_EncodeUlaw);
+
+void BM_EncodeAlaw(benchmark::State& state) {
+  const CG711 g711;
+  const Frame in = SpeechLikeFrame(2);
+  Payload out{};
+  for (auto _ : state) {
+    g711.EncodeAlaw(out, in);
+    benchmark::DoNotOptimize(out.data());
+    benchmark::ClobberMemory();
+  }
+}
+BENCHMARK(BM_EncodeAlaw);
+
+void BM_DecodeUlaw(benchmark::State& state) {
+  const CG711 g711;
+  Payload in{};
+  g711.EncodeUlaw(in, SpeechLikeFrame(3));
+  Frame out{};
+  for (auto _ : state) {
+    g711.DecodeUlaw(in, out);
+    benchmark::DoNotOptimize(out.data());
+    benchmark::ClobberMemory();
+  }
+}
+BENCHMARK(BM_DecodeUlaw);
+
+void BM_DecodeAlaw(benchmark::State& state) {
+  const CG711 g711;
+  const auto shift = static_cast<std::int32_t>(state.range(0));
+  Payload in{};
+  g711.EncodeAlaw(in, SpeechLikeFrame(4));
+  Frame out{};
+  for (auto _ : state) {
+    g711.DecodeAlaw(in, out, shift);
+    benchmark::DoNotOptimize(out.data());
+    benchmark::ClobberMemory();
+  }
+}
+BENCHMARK(BM_DecodeAlaw)->Arg(3)->Arg(4);
+
+// ---- Voice buffer ------------------------------------------------------------------------------
+
+// A stream that the buffer has measured: frames every 20 ms with 0-60 ms of jitter, so that
+// every stored frame takes a delay sample into the window.
+class Stream {
+ public:
+  // The jitter is drawn up front, so that the random generator is not part of the cost.
+  explicit Stream(CBuffer& buffer) : buffer_(buffer) {
+    std::mt19937 random(5);
+    std::uniform_int_distribution<int> jitter(0, 60);
+    for (auto& ms : jitter_ms_) ms = static_cast<std::uint16_t>(jitter(random));
+  }
+
+  int PutNext() {
+    const std::int32_t seq = static_cast<std::int32_t>(n_ % 65536);
+    const std::uint32_t ts = static_cast<std::uint32_t>(n_) * 160 + 160;
+    const std::uint32_t arrival =
+        static_cast<std::uint32_t>(n_ * 20 + jitter_ms_[n_ % jitter_ms_.size()]);
+    const std::uint32_t size = 320;
+    ++n_;
+    return buffer_.PutFrame(frame_.data(), &seq, &ts, &size, nullptr, arrival);
+  }
+  int Get() {
+    std::uint32_t size = 0;
+    return buffer_.GetFrames(out_, &size);
+  }
+
+ private:
+  CBuffer& buffer_;
+  std::array<std::uint16_t, 4096> jitter_ms_{};
+  std::uint64_t n_ = 1000;
+  Frame frame_ = SpeechLikeFrame(6);
+  std::array<std::int16_t, 1280> out_{};
+};
+
+// PutFrame alone, in CPU time: batches of 1,024 frames, the pulls that empty the buffer again
+// between batches untimed. "per_frame" is the figure.
+void BM_PutFrame(benchmark::State& state) {
+  auto buffer = std::make_unique<CBuffer>();
+  buffer->Start();
+  Stream stream(*buffer);
+  for (int i = 0; i < 5000; ++i) {
+    stream.PutNext();
+    stream.Get();
+  }
+  constexpr int kBatch = 1024;
+  for (auto _ : state) {
+    for (int i = 0; i < kBatch; ++i) benchmark::DoNotOptimize(stream.PutNext());
+    state.PauseTiming();
+    for (int i = 0; i < kBatch; ++i) stream.Get();
+    state.ResumeTiming();
+  }
+  state.counters["per_frame"] = benchmark::Counter(
+      kBatch, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+  state.counters["jitter_frames"] = buffer->GetJitterDepth();
+}
+BENCHMARK(BM_PutFrame);
+
+// One frame in and one out, at the steady depth: the receive path's buffer work per tick.
+void BM_PutFrameAndGetFrames(benchmark::State& state) {
+  auto buffer = std::make_unique<CBuffer>();
+  buffer->Start();
+  Stream stream(*buffer);
+  for (int i = 0; i < 5000; ++i) {
+    stream.PutNext();
+    stream.Get();
+  }
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(stream.PutNext());
+    benchmark::DoNotOptimize(stream.Get());
+  }
+}
+BENCHMARK(BM_PutFrameAndGetFrames);
+
+// A burst of 8 frames (2,560 bytes) in one call.
+void BM_GetFramesBurst(benchmark::State& state) {
+  auto buffer = std::make_unique<CBuffer>();
+  buffer->Start();
+  Frame frame = SpeechLikeFrame(7);
+  // One frame 40 s late sets the target to 1,000 and the upper depth to 1,030.
+  std::uint32_t n = 95;
+  auto put = [&](std::uint32_t arrival) {
+    const std::int32_t seq = static_cast<std::int32_t>(n % 65536);
+    const std::uint32_t ts = n * 160;
+    const std::uint32_t size = 320;
+    ++n;
+    return buffer->PutFrame(frame.data(), &seq, &ts, &size, nullptr, arrival);
+  };
+  for (std::uint32_t i = 0; i < 6; ++i) put(i * 20);
+  put(40000);
+  std::array<std::int16_t, 1280> out{};
+  std::uint32_t size = 0;
+  for (auto _ : state) {
+    while (true) {  // depth 1,013 gives a burst of 8
+      std::int32_t depth = 0;
+      if (buffer->GetDepth(&depth) == 0 && depth >= 1013) break;
+      put(50000);
+    }
+    const auto start = std::chrono::steady_clock::now();
+    benchmark::DoNotOptimize(buffer->GetFrames(out, &size));
+    const auto stop = std::chrono::steady_clock::now();
+    state.SetIterationTime(std::chrono::duration<double>(stop - start).count());
+  }
+  state.counters["bytes"] = size;
+}
+BENCHMARK(BM_GetFramesBurst)->UseManualTime();
+
+// ---- Concealment -------------------------------------------------------------------------------
+
+void BM_ConcealFirstLostFrame(benchmark::State& state) {
+  auto plc = std::make_unique<CPlc>();
+  for (unsigned k = 0; k < 8; ++k) {
+    Frame frame = SpeechLikeFrame(10 + k);
+    plc->AddToHistory(frame);
+  }
+  Frame good = SpeechLikeFrame(20);
+  for (auto _ : state) {
+    state.PauseTiming();
+    Frame frame = good;
+    plc->AddToHistory(frame);
+    state.ResumeTiming();
+    plc->Conceal(frame);  // pitch search
+    benchmark::DoNotOptimize(frame.data());
+  }
+}
+BENCHMARK(BM_ConcealFirstLostFrame);
+
+// Lost frames 2 to 6: the widened replay, the fade.
+void BM_ConcealLaterLostFrames(benchmark::State& state) {
+  auto plc = std::make_unique<CPlc>();
+  for (unsigned k = 0; k < 8; ++k) {
+    Frame frame = SpeechLikeFrame(30 + k);
+    plc->AddToHistory(frame);
+  }
+  Frame good = SpeechLikeFrame(40);
+  constexpr int kLater = 5;
+  for (auto _ : state) {
+    state.PauseTiming();
+    Frame frame = good;
+    plc->AddToHistory(frame);
+    plc->Conceal(frame);
+    state.ResumeTiming();
+    for (int k = 0; k < kLater; ++k) plc->Conceal(frame);
+    benchmark::DoNotOptimize(frame.data());
+  }
+  state.counters["per_frame"] = benchmark::Counter(
+      kLater, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(BM_ConcealLaterLostFrames);
+
+void BM_AddToHistory(benchmark::State& state) {
+  auto plc = std::make_unique<CPlc>();
+  const Frame good = SpeechLikeFrame(50);
+  for (auto _ : state) {
+    Frame frame = good;
+    plc->AddToHistory(frame);
+    benchmark::DoNotOptimize(frame.data());
+  }
+}
+BENCHMARK(BM_AddToHistory);
+
+// ---- Heap allocations per frame in steady state -------------------------------------------------
+
+// The whole receive path for one frame: decode, store, deliver, conceal or keep history;
+// one frame in 50 is lost on the way.
+void BM_SteadyStateAllocations(benchmark::State& state) {
+  auto buffer = std::make_unique<CBuffer>();
+  buffer->Start();
+  auto plc = std::make_unique<CPlc>();
+  const CG711 g711;
+  Payload payload{};
+  g711.EncodeUlaw(payload, SpeechLikeFrame(60));
+  std::mt19937 random(8);
+  std::uniform_int_distribution<int> jitter(0, 60);
+  std::array<std::int16_t, 1280> out{};
+  std::uint64_t n = 0;
+  auto one_frame = [&] {
+    Frame frame{};
+    g711.DecodeUlaw(payload, frame);
+    const std::int32_t seq = static_cast<std::int32_t>(n % 65536);
+    const std::uint32_t ts = static_cast<std::uint32_t>(n) * 160 + 160;
+    const std::uint32_t size = 320;
+    const auto arrival = static_cast<std::uint32_t>(n * 20 + static_cast<std::uint64_t>(jitter(random)));
+    if (n % 50 != 17) buffer->PutFrame(frame.data(), &seq, &ts, &size, nullptr, arrival);
+    ++n;
+    std::uint32_t got = 0;
+    const int status = buffer->GetFrames(out, &got);
+    std::span<std::int16_t, 160> first(out.data(), 160);
+    if (status == CBuffer::kDelivered) {
+      for (std::uint32_t k = 0; k < got / 320; ++k) {
+        std::span<std::int16_t, 160> f(out.data() + k * 160, 160);
+        if (deskline::IsFrameLost(f.data())) {
+          std::fill(f.begin(), f.end(), std::int16_t{0});
+          plc->Conceal(f);
+        } else {
+          plc->AddToHistory(f);
+        }
+      }
+    } else if (status == CBuffer::kConceal) {
+      std::fill(first.begin(), first.end(), std::int16_t{0});
+      plc->Conceal(first);
+    } else if (status == CBuffer::kNotPlaying) {
+      std::fill(first.begin(), first.end(), std::int16_t{0});
+      plc->AddToHistory(first);
+    }
+  };
+  for (int i = 0; i < 20000; ++i) one_frame();  // through the first wrap-free warm-up
+  const std::uint64_t before = g_allocations.load();
+  std::uint64_t frames = 0;
+  for (auto _ : state) {
+    one_frame();
+    ++frames;
+  }
+  const std::uint64_t allocations = g_allocations.load() - before;
+  state.counters["allocs_per_frame"] =
+      frames ? static_cast<double>(allocations) / static_cast<double>(frames) : 0.0;
+  state.counters["frame_storage"] = static_cast<double>(buffer->GetFrameCapacity());
+}
+BENCHMARK(BM_SteadyStateAllocations);
+
+}  // namespace

@@ -90,8 +90,8 @@ int32_t initialize(const NetworkInitData* data, PtapParameterContainer* params_o
     return -1;
   }
   engine().wave.store(wave);
-  const PtapParameterContainer* params = nullptr;
-  if (cp->GetPtapParameters(&params) != 0 || params == nullptr) {
+  PtapParameterContainer params{};
+  if (cp->GetPtapParameters(&params) != 0) {
     DL_TRACE(TRACE_CRITICAL,
              "[CRITICAL ERROR] Startup failed: CallProcessor - PTAP parameter incomplete");
     return -1;
@@ -102,7 +102,7 @@ int32_t initialize(const NetworkInitData* data, PtapParameterContainer* params_o
     return -1;
   }
   std::memset(params_out, 0, sizeof(*params_out));
-  std::memcpy(params_out, params, sizeof(*params_out));
+  std::memcpy(params_out, &params, sizeof(*params_out));
   return 0;
 }
 

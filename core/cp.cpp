@@ -71,7 +71,7 @@ int CCp::GetWave(IWave** out) {
   return 0;
 }
 
-int CCp::GetPtapParameters(const PtapParameterContainer** out) {
+int CCp::GetPtapParameters(PtapParameterContainer* out) {
   if (!ptap_) return 1;
   return ptap_->GetParameterContainer(out);
 }

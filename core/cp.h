@@ -128,8 +128,8 @@ class CCp final : public CModule, public PtapObserver, public PtapParent, public
   int SetInitData(const NetworkInitData* data);
   // 0, or 1 if `out` is null or there is no Wave session.
   int GetWave(IWave** out);
-  // 0, or 1 when PTAP holds no container.
-  int GetPtapParameters(const PtapParameterContainer** out);
+  // A copy of what the PBX delivered. 0, or 1 when PTAP holds no container.
+  int GetPtapParameters(PtapParameterContainer* out);
 
   // 0 if `event` is acceptable in the present state (moving it), 1 if rejected.
   int UpdateState(std::uint32_t event);

@@ -61,8 +61,9 @@ class IPtap : public CModule {
   virtual int SendPacket(int type, const std::uint8_t* data, std::size_t count) = 0;
   virtual int GetErrorCode() const = 0;
   virtual int GetParameter(std::uint32_t selector) = 0;
-  // 1 if `out` or the container is null, else 0.
-  virtual int GetParameterContainer(const PtapParameterContainer** out) const = 0;
+  // Copies what the PBX delivered (taken whole, while packets may still arrive). 1 if `out`
+  // is null or there is no container, else 0.
+  virtual int GetParameterContainer(PtapParameterContainer* out) const = 0;
 };
 
 // ---- MGCP ------------------------------------------------------------------------------

@@ -53,9 +53,9 @@ TEST_F(CpStart, BringsTheModulesUpInOrderAndDownInReverse) {
   EXPECT_EQ(cp->GetWave(&wave), 0);
   EXPECT_EQ(wave, fakes_.wave);
   EXPECT_EQ(cp->GetWave(nullptr), 1);
-  const PtapParameterContainer* params = nullptr;
+  PtapParameterContainer params{};
   EXPECT_EQ(cp->GetPtapParameters(&params), 0);
-  EXPECT_EQ(params->result_code, 99);
+  EXPECT_EQ(params.result_code, 99);
 
   fakes_.log.Clear();
   EXPECT_EQ(cp->Shutdown(), 0);
@@ -80,6 +80,7 @@ struct FailureCase {
   int result;
   const char* trace;
   bool mgcp_made;
+  friend void PrintTo(const FailureCase& c, std::ostream* os) { *os << c.name; }
 };
 
 class CpStartFailure : public CpStart, public ::testing::WithParamInterface<FailureCase> {};

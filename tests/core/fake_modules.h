@@ -116,9 +116,9 @@ class FakePtap final : public IPtap {
     const auto it = config_.parameters.find(selector);
     return it == config_.parameters.end() ? 0 : it->second;
   }
-  int GetParameterContainer(const PtapParameterContainer** out) const override {
+  int GetParameterContainer(PtapParameterContainer* out) const override {
     if (out == nullptr || !config_.has_container) return 1;
-    *out = &container_;
+    *out = container_;
     return 0;
   }
 

@@ -1,0 +1,38 @@
+// Without PTAP_Conf the client binds the fixed port 9301 and sends to port 9300 of the PBX.
+// Holds the fixed ports, so it runs alone under its resource lock.
+#include <gtest/gtest.h>
+
+#include "platform/udp_socket.h"
+#include "ptap/ptap.h"
+#include "ptap_test_util.h"
+
+namespace deskline {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(PtapFixedPorts, WithoutAnIniFileTheDefaultPortsAreUsed) {
+  testing::PtapTempDir empty;
+  platform::UdpSocket pbx;
+  ASSERT_TRUE(pbx.Open({0x7F000001, CPtap::kDefaultServerPort}));
+  NetworkInitData init = testing::MakeInitData(1);
+  CPtap ptap(platform::RealClock(), PtapOptions{empty.path(), 0ms, nullptr});
+  ptap.SetNetworkData(&init);
+  ASSERT_EQ(ptap.Start(), 0);
+  ASSERT_TRUE(ptap.LocalEndpoint().has_value());
+  EXPECT_EQ(ptap.LocalEndpoint()->port, 9301);
+  EXPECT_EQ(ptap.RemoteEndpoint(), (platform::UdpEndpoint{0x7F000001, 9300}));
+
+  EXPECT_EQ(ptap.SendPacket(PTAP_TYPE_START, nullptr, 0), 136);
+  std::uint8_t buffer[1500];
+  platform::UdpEndpoint from;
+  bool timed_out = false;
+  const auto n = pbx.ReceiveFor(std::as_writable_bytes(std::span(buffer)), &from, 2000, &timed_out);
+  ASSERT_TRUE(n && !timed_out);
+  EXPECT_EQ(*n, 136u);
+  EXPECT_EQ(from.port, 9301);
+  EXPECT_EQ(ptap.Shutdown(), 0);
+}
+
+}  // namespace
+}  // namespace deskline

@@ -87,7 +87,7 @@ int CCp::ApplyMgcpEvent(std::uint32_t event, const char* data) {
       const bool ringer_active = mgcp_ && mgcp_->MediaState().ringer_active;
       if (ringer_active) {
         if (std::strcmp(data, kMarkerMgcpTone) == 0) {
-          const std::int32_t pattern = ReadSignalI32(data, kMgcpTonePatternOffset);
+          const std::int32_t pattern = LoadSignalI32(data, kTonePatternOffset);
           if (pattern >= 1 && pattern <= 3) {
             UpdateState(CP_EVENT_RING_OR_CONNECTED);
             alert(ALERT_RING, data);
@@ -225,8 +225,8 @@ int CCp::alert(std::uint32_t code, const char* data) {
   if (data == nullptr) return 0;
   if (StartsWith(data, "ks")) {
     if (!host.led_callback) return 0;
-    const std::uint32_t key = ReadSignalU32(data, kKsKeyOffset);
-    const std::uint32_t status = ReadSignalU32(data, kKsStatusOffset);
+    const std::uint32_t key = LoadSignalU32(data, kKsKeyCodeOffset);
+    const std::uint32_t status = LoadSignalU32(data, kKsStateOffset);
     host.led_callback(key, status);
     const int index = LineKeyIndex(key);
     DL_TRACE(TRACE_STATUS, "[DEBUG] CCp::alert led_index = %d key = 0x%04x", index, key);

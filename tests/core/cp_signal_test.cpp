@@ -40,13 +40,13 @@ class CpSignal : public ::testing::Test {
   }
   static std::vector<char> MgcpTone(std::int32_t pattern) {
     auto b = Buffer("mgcp_tone");
-    std::memcpy(b.data() + kMgcpTonePatternOffset, &pattern, 4);
+    std::memcpy(b.data() + kTonePatternOffset, &pattern, 4);
     return b;
   }
   static std::vector<char> Ks(std::uint32_t key, std::uint32_t status) {
     auto b = Buffer("ks");
-    std::memcpy(b.data() + kKsKeyOffset, &key, 4);
-    std::memcpy(b.data() + kKsStatusOffset, &status, 4);
+    std::memcpy(b.data() + kKsKeyCodeOffset, &key, 4);
+    std::memcpy(b.data() + kKsStateOffset, &status, 4);
     return b;
   }
   void Signal(const std::vector<char>& buffer) {

@@ -1,0 +1,114 @@
+// A raw terminal on loopback and datagrams written out from the protocol's byte figures,
+// independent of both the simulator's encoder and the terminal's.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "platform/udp_socket.h"
+
+namespace deskline::sim::testing {
+
+using Bytes = std::vector<std::byte>;
+
+// "50 54 41 50" -> bytes; blanks are ignored.
+inline Bytes Hex(std::string_view text) {
+  Bytes out;
+  int high = -1;
+  for (char c : text) {
+    int nibble = -1;
+    if (c >= '0' && c <= '9') nibble = c - '0';
+    if (c >= 'A' && c <= 'F') nibble = c - 'A' + 10;
+    if (c >= 'a' && c <= 'f') nibble = c - 'a' + 10;
+    if (nibble < 0) continue;
+    if (high < 0) {
+      high = nibble;
+    } else {
+      out.push_back(static_cast<std::byte>(high << 4 | nibble));
+      high = -1;
+    }
+  }
+  return out;
+}
+
+inline Bytes Cat(std::initializer_list<Bytes> parts) {
+  Bytes out;
+  for (const Bytes& part : parts) out.insert(out.end(), part.begin(), part.end());
+  return out;
+}
+
+// The terminal's capability descriptors, as the protocol fixes them.
+inline const char* const kBasicDescriptor =
+    "01 04 00 06 18 00 02 02 18 04 03 FE DF E0 02 04 04 01 21 01 22 01 23 02 24 04 02 25 04"
+    " 02 26 0C 02 27 05 01 28 01 29 04 30 C8 00 00 04 86 40 00 00";
+inline const char* const kExtendedDescriptor =
+    "03 04 00 06 18 00 02 02 0C 04 03 FE DF E2 02 04 04 04 05 0C 0C 00 03 07 30 04 04 08 CF"
+    " 00 00 01 21 01 23 02 24 04 02 25 04 02 26 0C 02 27 05 01 28 01 29 04 30 C8 00 00 02 31"
+    " 04 04 42 00 00 00 02 50 01 04 81 01 00 00 01 82 01 83 01 84 04 86 40 00 00";
+
+// A START as the terminal sends it: start code 05, identity "TERMINAL0001", MAC
+// 02 00 00 AA BB CC, IP 127.0.0.1. Tid 1 unless told otherwise.
+inline Bytes StartDatagram(bool extended, std::string_view tid = "00 00 00 01") {
+  return Cat({Hex("50 54 41 50"), Hex(tid), Hex("04"), Hex("20 00 01 05"),
+              extended ? Hex("01 00 53") : Hex("01 00 31"),
+              Hex(extended ? kExtendedDescriptor : kBasicDescriptor),
+              extended ? Hex("02 00 02 03 12") : Hex("02 00 02 01 01"),
+              Hex("05 00 0C 54 45 52 4D 49 4E 41 4C 30 30 30 31"),
+              Hex("07 00 06 02 00 00 AA BB CC"), Hex("06 00 04 7F 00 00 01"), Hex("FF")});
+}
+
+// The terminal's ACK of a PBX packet: result 0 and its MAC.
+inline Bytes TerminalAck(std::string_view tid) {
+  return Cat({Hex("50 54 41 50"), Hex(tid), Hex("00 20 00 01 00 07 00 06 02 00 00 AA BB CC FF")});
+}
+
+// An Error report with code 7: a plain packet that any PBX must acknowledge.
+inline Bytes ErrorReport(std::string_view tid) {
+  return Cat({Hex("50 54 41 50"), Hex(tid), Hex("14 20 00 01 07 07 00 06 02 00 00 AA BB CC FF")});
+}
+
+class RawTerminal {
+ public:
+  RawTerminal() {
+    EXPECT_TRUE(socket_.Open({0x7F000001, 0}));
+    endpoint_ = socket_.LocalEndpoint().value_or(platform::UdpEndpoint{});
+  }
+  platform::UdpEndpoint endpoint() const { return endpoint_; }
+
+  void Send(const Bytes& datagram, platform::UdpEndpoint to) {
+    EXPECT_TRUE(socket_.SendTo(datagram, to));
+  }
+  // The next datagram, or nullopt after `timeout_ms` of real time.
+  std::optional<Bytes> Receive(int timeout_ms = 5000) {
+    Bytes buffer(65536);
+    bool timed_out = false;
+    const auto length = socket_.ReceiveFor(buffer, nullptr, timeout_ms, &timed_out);
+    if (!length || timed_out) return std::nullopt;
+    buffer.resize(*length);
+    return buffer;
+  }
+
+ private:
+  platform::UdpSocket socket_;
+  platform::UdpEndpoint endpoint_;
+};
+
+// Polls `condition` in real time for up to five seconds.
+inline bool Eventually(const std::function<bool()>& condition) {
+  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > until) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+}  // namespace deskline::sim::testing

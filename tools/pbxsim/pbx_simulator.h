@@ -1,0 +1,233 @@
+// The PBX on the far side of PTAP, for integration tests and the demo: a server socket on
+// loopback that answers START and OP_BEGIN as configured, acknowledges the terminal's
+// packets, sends keepalives, events and restarts on command, bends the network by rule, and
+// records every datagram both ways.
+//
+// Thread rules: every public operation may be called from any thread. One receive thread
+// handles what arrives; one scheduler thread runs delayed datagrams and periodic keepalives.
+// Stop (and the destructor) joins both. The print sink of PbxOptions runs on those threads
+// with the simulator's lock held: it must not call back into the simulator.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include "platform/clock.h"
+#include "platform/thread.h"
+#include "platform/udp_socket.h"
+#include "tools/pbxsim/net_rules.h"
+#include "tools/pbxsim/ptap_wire.h"
+#include "tools/pbxsim/record.h"
+#include "tools/pbxsim/scheduler.h"
+
+namespace deskline::sim {
+
+inline constexpr std::uint32_t kLoopbackIp = 0x7F000001;
+inline constexpr std::uint16_t kDefaultPtapPort = 9300;
+
+// The parameters meant for the host (tags 0x0F, 0x18, 0x19, 0x1B-0x1E, 0x21, 0x24-0x26). Their
+// meaning belongs to the host; the defaults are merely distinct, so that a test sees which
+// value landed where.
+struct HostParameters {
+  std::uint16_t param_0f = 8000;
+  std::uint8_t param_18 = 0x18;
+  std::uint8_t param_19 = 0x19;
+  std::uint8_t param_1b = 0x1B;
+  std::uint8_t param_1c = 0x1C;
+  std::uint8_t param_1d = 0x1D;
+  std::uint8_t param_1e = 0x1E;
+  std::vector<std::uint8_t> param_21 = {1,  2,  3,  4,  5,  6,  7,  8,  9,  10, 11,
+                                        12, 13, 14, 15, 16, 17, 18, 19, 20, 21, 22,
+                                        23, 24, 25, 26, 27, 28, 29, 30, 31, 32};
+  std::uint8_t param_24 = 0x24;
+  std::uint8_t param_25 = 0x25;
+  std::uint8_t param_26 = 0x26;
+};
+
+// Element 0x22, the answer to a START in extended start mode.
+enum class ExtendedAnswer {
+  kAuto,  // a good one when the START was in extended mode, none in basic mode
+  kNone,
+  kGood,       // always, whatever the mode
+  kWrongKind,  // 32 bytes whose kind marker (bytes 16-18) is not 06 00 42
+  kShort,      // 31 bytes: too short to judge
+};
+
+// When to follow the START answer with an Extended request (type 60).
+enum class ExtendedRequest { kNever, kWhenExtended, kAlways };
+
+struct StartAnswer {
+  bool answer = true;            // false: STARTs get no reply at all
+  std::uint8_t result_code = 0;  // element 0x20, any wire code
+  // false: the answer carries the result (and element 0x22, if chosen) and nothing else.
+  bool with_parameters = true;
+  std::optional<std::uint8_t> keepalive_timeout_s = 30;    // 0x1A
+  std::optional<std::uint16_t> mgcp_pbx_port = 2727;       // 0x10
+  std::optional<std::uint16_t> mgcp_terminal_port = 2427;  // 0x11
+  std::optional<HostParameters> host_parameters = HostParameters{};
+  std::optional<std::uint8_t> ptap_punch_s;  // 0xA1
+  std::optional<std::uint8_t> mgcp_punch_s;  // 0xA2
+  std::optional<std::uint8_t> rtp_punch_s;   // 0xA3
+  ExtendedAnswer extended = ExtendedAnswer::kAuto;
+  std::uint16_t extended_value = 0x0001;  // announced by 0x09 at byte 25 of element 0x22
+  std::uint16_t pbx_class_code = 0x0002;  // announced by 0x0A at byte 28
+  ExtendedRequest extended_request = ExtendedRequest::kNever;
+  std::vector<WireElement> extra;  // appended last, as given
+};
+
+enum class OpBeginAnswer {
+  kAnswer,   // an ACK carrying element 0x20 with `op_begin_result`
+  kAckOnly,  // an ACK without elements, which acknowledges but does not release the terminal
+  kIgnore,   // no reply
+};
+
+struct PtapAnswers {
+  StartAnswer start;
+  OpBeginAnswer op_begin = OpBeginAnswer::kAnswer;
+  std::uint8_t op_begin_result = 0;
+  // Elements of the plain ACK given to every other packet; by default only the end mark.
+  std::vector<WireElement> ack_elements;
+  bool silent = false;  // answer nothing and acknowledge nothing; still record
+};
+
+// What the terminal said about itself in its last START.
+struct TerminalStart {
+  std::uint32_t tid = 0;
+  bool extended = false;  // capability descriptor with lead byte 03
+  std::uint8_t start_code = 0;
+  std::vector<std::byte> capabilities;  // element 0x01
+  std::vector<std::byte> version;       // element 0x02
+  std::vector<std::byte> identity;      // element 0x05
+  std::array<std::byte, 6> mac{};       // element 0x07
+  std::uint32_t ip = 0;                 // element 0x06, host order
+};
+
+struct PbxOptions {
+  std::uint32_t ip = kLoopbackIp;    // host order
+  std::uint16_t port = 0;            // 0: any free port
+  platform::Clock* clock = nullptr;  // null: the real clock; not owned
+  std::uint64_t seed = 0;            // for rules with a probability
+  std::size_t record_limit = 0;      // 0 keeps every record; else the oldest go first
+  // When set, one readable line per recorded datagram (see FormatRecord).
+  std::function<void(std::string_view line)> print;
+};
+
+class PbxSimulator {
+ public:
+  explicit PbxSimulator(PbxOptions options = {});
+  ~PbxSimulator();  // Stop
+  PbxSimulator(const PbxSimulator&) = delete;
+  PbxSimulator& operator=(const PbxSimulator&) = delete;
+
+  // Binds the socket and starts the threads. False if the port is taken, the threads cannot
+  // be made, or it is already running (then nothing changes).
+  bool Start();
+  // Ends and joins the threads and closes the socket. Delayed datagrams not yet due are
+  // dropped; the records stay. Safe to repeat; Start may follow.
+  void Stop();
+  bool running() const;
+  // The bound address; port 0 while stopped.
+  platform::UdpEndpoint endpoint() const;
+  std::uint16_t port() const { return endpoint().port; }
+
+  // --- behaviour ---
+  void SetAnswers(const PtapAnswers& answers);
+  PtapAnswers answers() const;
+  void SetSilent(bool silent);
+  void AddRule(const NetRule& rule);
+  void ClearRules();
+  // Where the PBX sends; otherwise learnt from every well-formed datagram that arrives.
+  void SetTerminal(platform::UdpEndpoint terminal);
+  std::optional<platform::UdpEndpoint> terminal() const;
+  // The PBX numbers its own packets from 1 and keeps the top byte 0, since the terminal
+  // refuses tids of 0x01000000 and above; after 0x00FFFFFF it goes on at 1.
+  void SetNextTid(std::uint32_t tid);
+
+  // --- commands; each returns the tid used, or 0 if nothing went out (not running, no
+  // terminal known yet, or the elements cannot be encoded). A datagram that a rule drops or
+  // delays counts as sent. ---
+  std::uint32_t SendKeepalive();
+  // Sends a keepalive at once and then every `period` until StopKeepalives or Stop.
+  // False if not running or the period is not positive.
+  bool StartKeepalives(std::chrono::milliseconds period);
+  void StopKeepalives();
+  // Type 21; `payload` goes out exactly as given (elements and end mark are the caller's).
+  std::uint32_t SendEvent(std::span<const std::byte> payload);
+  std::uint32_t SendCompulsionRestart();
+  std::uint32_t SendExtendedRequest();
+  // Any type with the given elements and the end mark, under the next tid.
+  std::uint32_t SendPacket(std::uint8_t type, std::span<const WireElement> elements);
+  // Exactly these bytes. False if nothing went out (not running, no terminal).
+  bool SendRaw(std::span<const std::byte> datagram);
+
+  // --- recording ---
+  std::vector<Record> Records() const;
+  // Records in `direction` of `type` (nullopt: any, malformed included), whatever their fate.
+  std::size_t Count(Direction direction, std::optional<std::uint8_t> type) const;
+  // The tids of the terminal's ACKs, in order of arrival, repeats included.
+  std::vector<std::uint32_t> TerminalAcks() const;
+  bool Acknowledged(std::uint32_t tid) const;
+  std::optional<TerminalStart> LastStart() const;
+  void ClearRecords();
+  // The steady time that record times in printed lines count from (the first Start).
+  std::int64_t origin_ns() const;
+
+  // Waits until `predicate` holds, looking again whenever something is recorded. The
+  // predicate runs without the simulator's lock, so it may call the accessors above. Waits in
+  // real time (datagrams arrive in real time); true if it held before `timeout`.
+  bool WaitFor(const std::function<bool()>& predicate, std::chrono::milliseconds timeout) const;
+  bool WaitForCount(Direction direction, std::optional<std::uint8_t> type, std::size_t count,
+                    std::chrono::milliseconds timeout) const;
+
+ private:
+  void ReceiveLoop(platform::ThreadId self);
+  void OnDatagram(std::vector<std::byte> raw, platform::UdpEndpoint from);
+  // The PBX's reaction to one datagram that reached it. Lock held.
+  void HandleLocked(const std::vector<std::byte>& raw, platform::UdpEndpoint from);
+  void AnswerStartLocked(const PtapDatagram& start);
+  std::vector<WireElement> StartAnswerElementsLocked(bool terminal_extended) const;
+  std::uint32_t SendNumberedLocked(std::uint8_t type, std::span<const WireElement> elements);
+  // Passes one outgoing datagram through the rules and onto the wire. Lock held.
+  bool EmitLocked(std::vector<std::byte> datagram);
+  void WriteLocked(const std::vector<std::byte>& datagram, platform::UdpEndpoint to, Fate fate,
+                   int delay_ms);
+  void RecordLocked(Direction direction, Fate fate, int delay_ms, platform::UdpEndpoint peer,
+                    const std::vector<std::byte>& raw);
+  std::uint32_t TakeTidLocked();
+  void KeepaliveTick(std::uint64_t series, std::int64_t due_ns);
+
+  const PbxOptions options_;
+  platform::Clock& clock_;
+  Scheduler scheduler_;
+  platform::UdpSocket socket_;
+  platform::Thread receive_thread_;
+
+  std::mutex life_mutex_;  // serialises Start and Stop; never taken under mutex_
+  mutable std::mutex mutex_;
+  mutable std::condition_variable changed_;
+  std::uint64_t changes_ = 0;  // bumped with every record, so waiters know to look again
+  bool running_ = false;
+  platform::UdpEndpoint bound_;
+  PtapAnswers answers_;
+  NetRules rules_;
+  std::optional<platform::UdpEndpoint> terminal_;
+  std::uint32_t next_tid_ = 1;
+  std::uint64_t keepalive_series_ = 0;  // a new number stops the previous periodic series
+  std::chrono::milliseconds keepalive_period_{0};
+  std::deque<Record> records_;
+  std::uint64_t next_record_index_ = 0;
+  std::vector<std::uint32_t> terminal_acks_;
+  std::optional<TerminalStart> last_start_;
+  std::optional<std::int64_t> origin_ns_;
+};
+
+}  // namespace deskline::sim

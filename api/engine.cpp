@@ -1,5 +1,8 @@
 #include "api/engine.h"
 
+#include "mgcp/mgcp.h"
+#include "ptap/ptap.h"
+
 namespace deskline::api {
 namespace {
 
@@ -19,8 +22,9 @@ CpDependencies DefaultCpDependencies() {
   auto& factory = DependenciesFactory();
   if (factory) return factory();
   CpDependencies deps;
-  // The protocol and media modules are added here as they come; a missing factory makes the
-  // start fail cleanly at that module with its trace.
+  deps.make_ptap = [] { return std::make_unique<CPtap>(); };
+  deps.make_mgcp = [] { return std::make_unique<CMgcp>(); };
+  // The Wave session is added here when it comes; until then the start stops there, traced.
   return deps;
 }
 

@@ -2,7 +2,9 @@
 // into one shared log, so that tests can assert the sequence across modules.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
+#include <initializer_list>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -35,10 +37,8 @@ class CallLog {
     return out;
   }
   bool Contains(const std::string& line) const {
-    for (const auto& l : lines()) {
-      if (l == line) return true;
-    }
-    return false;
+    const auto all = lines();
+    return std::find(all.begin(), all.end(), line) != all.end();
   }
   void Clear() {
     std::lock_guard lock(mutex_);
@@ -49,6 +49,17 @@ class CallLog {
   mutable std::mutex mutex_;
   std::vector<std::string> lines_;
 };
+
+inline std::string Call(const char* name, std::initializer_list<std::uint64_t> args = {}) {
+  std::string line = name;
+  if (args.size() == 0) return line;
+  const char* sep = "(";
+  for (std::uint64_t a : args) {
+    line += sep + std::to_string(a);
+    sep = ",";
+  }
+  return line + ")";
+}
 
 struct FakePtapConfig {
   int set_network_result = 0;
@@ -75,27 +86,15 @@ class FakePtap final : public IPtap {
     --live;
     log_.Add("ptap.destroyed");
   }
-  int Start() override {
-    log_.Add("ptap.Start");
-    return config_.start_result;
-  }
-  int Shutdown() override {
-    log_.Add("ptap.Shutdown");
-    return 0;
-  }
+  int Start() override { return log_.Add("ptap.Start"), config_.start_result; }
+  int Shutdown() override { return log_.Add("ptap.Shutdown"), 0; }
   int SetNetworkData(const NetworkInitData* data) override {
     log_.Add("ptap.SetNetworkData");
     if (data) data_ = data;
     return config_.set_network_result != 0 ? config_.set_network_result : (data_ ? 0 : 1);
   }
-  int SetParent(PtapParent* parent) override {
-    parent_ = parent;
-    return 0;
-  }
-  int AddObserver(PtapObserver* observer) override {
-    observer_ = observer;
-    return 0;
-  }
+  int SetParent(PtapParent* parent) override { return parent_ = parent, 0; }
+  int AddObserver(PtapObserver* observer) override { return observer_ = observer, 0; }
   int SendPacket(int type, const std::uint8_t* data, std::size_t count) override {
     std::string line = "ptap.Send(" + std::to_string(type);
     for (std::size_t i = 0; i < count && data; ++i) line += "," + std::to_string(data[i]);
@@ -156,28 +155,17 @@ class FakeMgcp final : public IMgcp {
     --live;
     log_.Add("mgcp.destroyed");
   }
-  int Start() override {
-    log_.Add("mgcp.Start");
-    return config_.start_result;
-  }
-  int Shutdown() override {
-    log_.Add("mgcp.Shutdown");
-    return 0;
-  }
-  int SetParent(MgcpParent* parent) override {
-    parent_ = parent;
-    return 0;
-  }
-  void SetPorts(std::uint16_t local_port, std::uint16_t pbx_port) override {
-    log_.Add("mgcp.SetPorts(" + std::to_string(local_port) + "," + std::to_string(pbx_port) + ")");
+  int Start() override { return log_.Add("mgcp.Start"), config_.start_result; }
+  int Shutdown() override { return log_.Add("mgcp.Shutdown"), 0; }
+  int SetParent(MgcpParent* parent) override { return parent_ = parent, 0; }
+  void SetPorts(std::uint16_t local, std::uint16_t pbx) override {
+    log_.Add(Call("mgcp.SetPorts", {local, pbx}));
   }
   int SetNetworkInitData(const NetworkInitData* data) override {
     log_.Add("mgcp.SetNetworkInitData");
     return config_.set_init_result != 0 ? config_.set_init_result : (data ? 0 : 1);
   }
-  void SetLocalMedia(std::uint16_t port) override {
-    log_.Add("mgcp.SetLocalMedia(" + std::to_string(port) + ")");
-  }
+  void SetLocalMedia(std::uint16_t port) override { log_.Add(Call("mgcp.SetLocalMedia", {port})); }
   int PostEvent(std::uint32_t event, const char* data) override {
     log_.Add("mgcp.Post(" + std::to_string(event) + "," + (data ? data : "null") + ")");
     if (event == MGCP_EVENT_SEND_RSIP) {
@@ -190,10 +178,7 @@ class FakeMgcp final : public IMgcp {
     if (rsip_posted_at_ms_ < 0 || config_.rsip_ack_after_ms < 0) return false;
     return clock_.SteadyMs() - rsip_posted_at_ms_ >= config_.rsip_ack_after_ms;
   }
-  int SendPunch() override {
-    log_.Add("mgcp.Punch");
-    return config_.punch_result;
-  }
+  int SendPunch() override { return log_.Add("mgcp.Punch"), config_.punch_result; }
   MgcpMediaState MediaState() const override {
     MgcpMediaState state = media;
     state.remote_connection = remote_connection;
@@ -228,57 +213,38 @@ class FakeWave final : public IWave {
     --live;
     log_.Add("wave.destroyed");
   }
-  int Start() override {
-    log_.Add("wave.Start");
-    return config_.start_result;
-  }
-  int Shutdown() override {
-    log_.Add("wave.Shutdown");
-    return 0;
-  }
-  int StartSession() override {
-    log_.Add("wave.StartSession");
-    return 0;
-  }
-  void SetLocalPort(std::uint16_t port) override {
-    log_.Add("wave.SetLocalPort(" + std::to_string(port) + ")");
-  }
+  int Start() override { return log_.Add("wave.Start"), config_.start_result; }
+  int Shutdown() override { return log_.Add("wave.Shutdown"), 0; }
+  int StartSession() override { return log_.Add("wave.StartSession"), 0; }
+  void SetLocalPort(std::uint16_t port) override { log_.Add(Call("wave.SetLocalPort", {port})); }
   void SetRemotePort(std::uint32_t port) override {
     remote_port = port;
-    log_.Add("wave.SetRemotePort(" + std::to_string(port) + ")");
+    log_.Add(Call("wave.SetRemotePort", {port}));
   }
   void SetRemoteIp(std::uint32_t ip) override {
     remote_ip = ip;
-    log_.Add("wave.SetRemoteIp(" + std::to_string(ip) + ")");
+    log_.Add(Call("wave.SetRemoteIp", {ip}));
   }
-  void SetReceiving(bool receiving) override {
-    log_.Add(std::string("wave.SetReceiving(") + (receiving ? "1" : "0") + ")");
-  }
+  void SetReceiving(bool on) override { log_.Add(Call("wave.SetReceiving", {on})); }
   void ClearBuffer() override { log_.Add("wave.ClearBuffer"); }
-  void SetPayloadType(std::uint32_t payload_type) override {
-    log_.Add("wave.SetPayloadType(" + std::to_string(payload_type) + ")");
-  }
+  void SetPayloadType(std::uint32_t pt) override { log_.Add(Call("wave.SetPayloadType", {pt})); }
   void GetRemoteAddress(std::uint32_t* ip, std::uint32_t* port) const override {
     *ip = remote_ip;
     *port = remote_port;
   }
   int SendPunch(std::uint32_t ip, std::uint32_t port) override {
-    log_.Add("wave.Punch(" + std::to_string(ip) + "," + std::to_string(port) + ")");
-    if (punch_index_ < config_.punch_results.size()) return config_.punch_results[punch_index_++];
-    return 0;
+    log_.Add(Call("wave.Punch", {ip, port}));
+    return punch_index_ < config_.punch_results.size() ? config_.punch_results[punch_index_++] : 0;
   }
   void SendVoiceFrame(const std::int16_t* pcm, std::uint32_t size) override {
-    frames_sent.push_back(std::vector<std::int16_t>(pcm, pcm + size / 2));
+    frames_sent.emplace_back(pcm, pcm + size / 2);
   }
   std::uint32_t ReceiveVoice(std::int32_t, std::int16_t* pcm, std::uint32_t* status) override {
     for (std::size_t i = 0; i < kVoiceFrameSamples; ++i) pcm[i] = static_cast<std::int16_t>(i);
     *status = 7;
     return kVoiceFrameBytes;
   }
-  void SetAlawShift(std::uint32_t mode) override {
-    log_.Add("wave.SetAlawShift(" + std::to_string(mode) + ")");
-  }
-
+  void SetAlawShift(std::uint32_t mode) override { log_.Add(Call("wave.SetAlawShift", {mode})); }
   FakeWaveConfig& config() { return config_; }
 
   std::uint32_t remote_ip = 0;

@@ -2,6 +2,7 @@
 
 #include "mgcp/mgcp.h"
 #include "ptap/ptap.h"
+#include "voice/wave.h"
 
 namespace deskline::api {
 namespace {
@@ -24,7 +25,7 @@ CpDependencies DefaultCpDependencies() {
   CpDependencies deps;
   deps.make_ptap = [] { return std::make_unique<CPtap>(); };
   deps.make_mgcp = [] { return std::make_unique<CMgcp>(); };
-  // The Wave session is added here when it comes; until then the start stops there, traced.
+  deps.make_wave = [] { return std::make_unique<CWave>(); };
   return deps;
 }
 

@@ -1,0 +1,153 @@
+// A Wave session on 127.0.0.1, bound on a free port and started in the call processor's
+// order, with a raw UDP socket as the far end. Arrival times come from a simulated clock;
+// the sockets and the receive thread are real, so every wait is bounded.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+#include <numbers>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <thread>
+#include <vector>
+
+#include "platform/udp_socket.h"
+#include "testing/fake_clock.h"
+#include "voice/wave.h"
+
+namespace deskline::wavetest {
+
+using namespace std::chrono_literals;
+using Bytes = std::vector<std::uint8_t>;
+using Samples = std::vector<std::int16_t>;
+
+inline constexpr std::uint32_t kLoopback = 0x7F000001;
+inline constexpr std::size_t kFrame = kVoiceFrameSamples;
+
+template <typename F>
+bool Eventually(F condition) {
+  const auto until = std::chrono::steady_clock::now() + 3s;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > until) return false;
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
+
+// A plain socket playing the far end.
+struct Peer {
+  Peer() { EXPECT_TRUE(socket.Open({kLoopback, 0})); }
+  std::uint16_t port() const { return socket.LocalEndpoint()->port; }
+
+  std::optional<Bytes> Receive(int timeout_ms = 2000) {
+    std::uint8_t buffer[2048];
+    bool timed_out = false;
+    const auto n = socket.ReceiveFor(std::as_writable_bytes(std::span(buffer)), nullptr,
+                                     timeout_ms, &timed_out);
+    if (!n || timed_out) return std::nullopt;
+    return Bytes(buffer, buffer + *n);
+  }
+  bool Quiet() { return !Receive(50).has_value(); }
+  void Send(const Bytes& d, std::uint16_t to_port) {
+    ASSERT_TRUE(socket.SendTo(std::as_bytes(std::span(d)), {kLoopback, to_port}));
+  }
+
+  platform::UdpSocket socket;
+};
+
+// A minimal RTP datagram as a far end would send it.
+inline Bytes Datagram(std::uint8_t payload_type, std::uint16_t seq, std::uint32_t timestamp,
+                      std::span<const std::uint8_t> payload) {
+  Bytes d = {0x80, payload_type, static_cast<std::uint8_t>(seq >> 8),
+             static_cast<std::uint8_t>(seq), static_cast<std::uint8_t>(timestamp >> 24),
+             static_cast<std::uint8_t>(timestamp >> 16), static_cast<std::uint8_t>(timestamp >> 8),
+             static_cast<std::uint8_t>(timestamp), 0x12, 0x34, 0x56, 0x78};
+  d.insert(d.end(), payload.begin(), payload.end());
+  return d;
+}
+
+// `frames` frames of a sine, phase-continuous across frames.
+inline Samples Tone(std::size_t frames, double hz = 1000.0, double amplitude = 8000.0) {
+  Samples s(frames * kFrame);
+  for (std::size_t i = 0; i < s.size(); ++i) {
+    s[i] = static_cast<std::int16_t>(
+        std::lround(amplitude * std::sin(2.0 * std::numbers::pi * hz * static_cast<double>(i) / 8000.0)));
+  }
+  return s;
+}
+
+inline double Rms(std::span<const std::int16_t> s) {
+  double sum = 0;
+  for (std::int16_t v : s) sum += double(v) * double(v);
+  return s.empty() ? 0.0 : std::sqrt(sum / double(s.size()));
+}
+
+// Frequency from the count of sign changes.
+inline double ZeroCrossingHz(std::span<const std::int16_t> s) {
+  int crossings = 0;
+  for (std::size_t i = 1; i < s.size(); ++i) {
+    if ((s[i - 1] < 0) != (s[i] < 0)) ++crossings;
+  }
+  return crossings * 8000.0 / 2.0 / double(s.size());
+}
+
+class WaveSession : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    // As the call processor starts it: port 8000 asked for (the seam binds a free one), the
+    // PBX as remote, then a connection points it at the far end.
+    ASSERT_EQ(wave.Start(), 0);
+    wave.SetLocalPort(CWave::kDefaultLocalPort);
+    wave.SetRemoteIp(kLoopback);
+    wave.SetRemotePort(CWave::kDefaultLocalPort);
+    ASSERT_EQ(wave.StartSession(), 0);
+    wave.SetReceiving(false);
+    wave.SetRemotePort(peer.port());
+    ASSERT_TRUE(wave.LocalEndpoint().has_value());
+    port = wave.LocalEndpoint()->port;
+  }
+
+  // Sends `frames` datagrams from the peer, numbered from `first_seq`.
+  void SendFrames(std::uint8_t payload_type, std::uint16_t first_seq,
+                  const std::vector<Bytes>& payloads) {
+    for (std::size_t i = 0; i < payloads.size(); ++i) {
+      // The timestamp runs on across a sequence wrap, as a sender's does.
+      const std::uint32_t count = first_seq + static_cast<std::uint32_t>(i);
+      peer.Send(Datagram(payload_type, static_cast<std::uint16_t>(count), 1000u + 160u * count,
+                         payloads[i]),
+                port);
+    }
+  }
+  bool AwaitDecoded(std::uint64_t count) {
+    return Eventually([&] { return wave.packets_decoded() >= count; });
+  }
+  bool AwaitRead(std::uint64_t count) {
+    return Eventually([&] { return wave.packets_read() >= count; });
+  }
+
+  // Pulls as the host does and keeps the first unbroken run of delivered sound (status 0).
+  Samples PlayOut(int max_pulls = 64) {
+    Samples out;
+    std::int16_t pcm[CWave::kMaxFramesPerPull * kFrame];
+    for (int i = 0; i < max_pulls; ++i) {
+      std::uint32_t status = 99;
+      const std::uint32_t bytes = wave.ReceiveVoice(0, pcm, &status);
+      if (status != 0) {
+        if (!out.empty()) break;
+        continue;
+      }
+      out.insert(out.end(), pcm, pcm + bytes / 2);
+    }
+    return out;
+  }
+
+  testing::FakeClock clock;
+  Peer peer;
+  CWave wave{clock, std::uint16_t{0}};
+  std::uint16_t port = 0;
+};
+
+}  // namespace deskline::wavetest

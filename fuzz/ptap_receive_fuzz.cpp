@@ -79,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     t->ptap.PollConnection();
     t->ptap.ScanRetransmissions();
     PtapParameterContainer copy{};
-    t->ptap.CopyParameterContainer(&copy);
+    t->ptap.GetParameterContainer(&copy);
   }
   return 0;
 }

@@ -1,89 +1,70 @@
-// Helpers of the PTAP tests: hex bytes, a PBX-side datagram builder, and fakes for the parent,
-// the observers and the transmit path.
+// Helpers of the PTAP tests: hex bytes, datagrams as the PBX sends them, and recorders for
+// what reaches the parent and the observers.
 #pragma once
 
-#include <atomic>
-#include <chrono>
 #include <cctype>
+#include <chrono>
 #include <condition_variable>
-#include <cstdint>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
+#include <functional>
 #include <mutex>
-#include <random>
-#include <span>
 #include <string>
 #include <vector>
 
-#include "core/ports.h"
-#include "deskline/deskline.h"
+#include "ptap/ptap.h"
 
 namespace deskline::testing {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// "50 54 41 50" -> bytes; anything but hex digits is ignored, so literals may be split anywhere.
+// "50 54 41 50" -> bytes; anything but hex digits is skipped.
 inline Bytes Hex(const std::string& text) {
-  Bytes out;
   std::string digits;
   for (char c : text) {
     if (std::isxdigit(static_cast<unsigned char>(c))) digits += c;
   }
+  Bytes out;
   for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
     out.push_back(static_cast<std::uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
   }
   return out;
 }
 
-inline Bytes Concat(std::initializer_list<Bytes> parts) {
-  Bytes out;
-  for (const Bytes& p : parts) out.insert(out.end(), p.begin(), p.end());
-  return out;
+// The terminal's MAC element and the end mark that close every body it sends.
+inline const std::string kMacEnd = " 07 00 06 00 1A 2B 3C 4D 5E FF";
+
+inline std::uint32_t TidOf(const Bytes& d) {
+  return std::uint32_t{d[4]} << 24 | std::uint32_t{d[5]} << 16 | d[6] << 8 | d[7];
 }
 
-// A datagram as the PBX would send it. Raw writes a length as given, so a test can lie.
-class PbxDatagram {
- public:
-  PbxDatagram(std::uint8_t type, std::uint32_t tid)
-      : bytes_{'P', 'T', 'A', 'P', std::uint8_t(tid >> 24), std::uint8_t(tid >> 16),
-               std::uint8_t(tid >> 8), std::uint8_t(tid), type} {}
-  PbxDatagram& Raw(std::uint8_t tag, std::uint16_t length, const Bytes& value) {
-    bytes_.insert(bytes_.end(), {tag, std::uint8_t(length >> 8), std::uint8_t(length)});
-    bytes_.insert(bytes_.end(), value.begin(), value.end());
+// A datagram as the PBX sends it. Raw writes the length as given, so that a test can lie.
+struct Pbx {
+  Pbx(std::uint8_t type, std::uint32_t tid)
+      : bytes{'P', 'T', 'A', 'P', std::uint8_t(tid >> 24), std::uint8_t(tid >> 16),
+              std::uint8_t(tid >> 8), std::uint8_t(tid), type} {}
+  Pbx& Raw(std::uint8_t tag, std::uint16_t length, const Bytes& value) {
+    bytes.insert(bytes.end(), {tag, std::uint8_t(length >> 8), std::uint8_t(length)});
+    bytes.insert(bytes.end(), value.begin(), value.end());
     return *this;
   }
-  PbxDatagram& Element(std::uint8_t tag, const Bytes& value) {
-    return Raw(tag, static_cast<std::uint16_t>(value.size()), value);
+  Pbx& El(std::uint8_t tag, const Bytes& value) {
+    return Raw(tag, std::uint16_t(value.size()), value);
   }
-  PbxDatagram& Byte(std::uint8_t tag, std::uint8_t value) { return Element(tag, {value}); }
-  PbxDatagram& End() {
-    bytes_.push_back(0xFF);
-    return *this;
-  }
-  const Bytes& bytes() const { return bytes_; }
-  const std::uint8_t* data() const { return bytes_.data(); }
-  std::size_t size() const { return bytes_.size(); }
-
- private:
-  Bytes bytes_;
+  Pbx& Byte(std::uint8_t tag, std::uint8_t value) { return El(tag, {value}); }
+  Pbx& End() { return bytes.push_back(0xFF), *this; }
+  Bytes bytes;
 };
 
-// 32 bytes of an extended response that passes, with the two announced values.
+// 32 bytes of an extended response that passes, announcing `value` and `pbx_class`.
 inline Bytes ExtendedResponse(std::uint16_t value, std::uint16_t pbx_class) {
   Bytes v(32, 0x00);
-  v[16] = 0x06;
-  v[18] = 0x42;
-  v[25] = 0x09;
-  v[26] = std::uint8_t(value >> 8);
-  v[27] = std::uint8_t(value);
-  v[28] = 0x0A;
-  v[29] = std::uint8_t(pbx_class >> 8);
-  v[30] = std::uint8_t(pbx_class);
+  v[16] = 0x06, v[18] = 0x42, v[25] = 0x09, v[28] = 0x0A;
+  v[26] = std::uint8_t(value >> 8), v[27] = std::uint8_t(value);
+  v[29] = std::uint8_t(pbx_class >> 8), v[30] = std::uint8_t(pbx_class);
   return v;
 }
 
-inline NetworkInitData MakeInitData(std::uint8_t start_mode = 0) {
+inline NetworkInitData MakeInitData(std::uint8_t start_mode) {
   NetworkInitData data{};
   data.start_code = 0x07;
   std::memcpy(data.terminal_identity, "DESKLINE0001", 12);
@@ -95,7 +76,7 @@ inline NetworkInitData MakeInitData(std::uint8_t start_mode = 0) {
   return data;
 }
 
-// Records items from any thread; tests read copies and may wait (in real time) for a count.
+// Records items from any thread; a test may wait (in real time) for a count.
 template <typename T>
 class Recorder {
  public:
@@ -119,69 +100,21 @@ class Recorder {
   std::vector<T> items_;
 };
 
-// What the terminal sent through the transmit seam.
-class SentLog : public Recorder<Bytes> {
- public:
-  bool Record(std::span<const std::uint8_t> datagram) {
-    Add(Bytes(datagram.begin(), datagram.end()));
-    return succeed_;
-  }
-  std::vector<Bytes> Sent() const { return Items(); }
-  std::size_t size() const { return Items().size(); }
-  void set_succeed(bool succeed) { succeed_ = succeed; }
-
- private:
-  std::atomic<bool> succeed_{true};
-};
-
-class RecordingParent final : public PtapParent, public Recorder<std::string> {
- public:
+// Messages as "<type>:<payload>", so that a wrong type shows.
+struct RecordingParent final : PtapParent, Recorder<std::string> {
   int OnPtapMessage(std::uint32_t type, const char* payload, std::size_t length) override {
-    if (type != 21) ++wrong_types_;
-    Add(std::string(payload, length));
+    Add(std::to_string(type) + ":" + std::string(payload, length));
     return 0;
   }
-  std::vector<std::string> Messages() const { return Items(); }
-  int wrong_types() const { return wrong_types_; }
-
- private:
-  std::atomic<int> wrong_types_{0};
 };
 
-class RecordingObserver final : public PtapObserver, public Recorder<int> {
- public:
+// Events; `on_event`, if set, runs first, so that a test can look at the client as CCp would.
+struct RecordingObserver final : PtapObserver, Recorder<int> {
   int OnPtapEvent(const int* event) override {
-    Add(*event);
-    return 0;
+    if (on_event) on_event();
+    return Add(*event), 0;
   }
-  std::vector<int> Events() const { return Items(); }
-};
-
-// A fresh folder under the system's temporary folder, removed with everything in it.
-class PtapTempDir {
- public:
-  PtapTempDir() {
-    std::random_device random;
-    path_ = std::filesystem::temp_directory_path() /
-            ("deskline-ptap-" + std::to_string(random()) + "-" + std::to_string(random()));
-    std::filesystem::create_directories(path_);
-  }
-  ~PtapTempDir() {
-    std::error_code error;
-    std::filesystem::remove_all(path_, error);
-  }
-  PtapTempDir(const PtapTempDir&) = delete;
-  PtapTempDir& operator=(const PtapTempDir&) = delete;
-
-  std::string path() const { return path_.string(); }
-  std::string Write(const std::string& name, const std::string& text) const {
-    const std::string file = (path_ / name).string();
-    std::ofstream(file, std::ios::binary) << text;
-    return file;
-  }
-
- private:
-  std::filesystem::path path_;
+  std::function<void()> on_event;
 };
 
 }  // namespace deskline::testing

@@ -5,17 +5,15 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cstdint>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <random>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
-#include "support/tracer.h"
 #include "testing/fake_clock.h"
 
 namespace deskline {
@@ -23,469 +21,277 @@ namespace {
 
 using ::deskline::testing::FakeClock;
 
-constexpr std::uint32_t kTsBase = 50'000;
-constexpr long kLost = -1;  // a FrameLostMarker in the output
-
-// Stream position `n` travels as sequence number n mod 65,536 with a timestamp that keeps
-// growing, as a sender's would across the wrap.
+// Stream position n travels as n mod 65,536 with a timestamp that keeps growing, as a
+// sender's does across the wrap.
 std::int32_t SeqOf(long n) { return static_cast<std::int32_t>(n % 65536); }
-std::uint32_t TsOf(long n) { return kTsBase + static_cast<std::uint32_t>(n) * 160; }
-
-struct Pull {
-  int status = -1;
-  std::uint32_t bytes = 0;
-  std::vector<long> frames;  // sequence numbers delivered, kLost for a marker
-};
+std::uint32_t TsOf(long n) { return 50'000 + static_cast<std::uint32_t>(n) * 160; }
 
 class BufferTest : public ::testing::Test {
  protected:
-  void SetUp() override { ASSERT_EQ(buffer().Start(), 0); }
-
-  CBuffer& buffer() { return *owned_; }
-  // A new, started buffer on the same clock, as for a fresh row of a table.
+  void SetUp() override { Fresh(); }
+  // A new started buffer on the same clock: a first voice path, no frames thrown away.
   void Fresh() {
-    owned_ = std::make_unique<CBuffer>(clock_);
-    ASSERT_EQ(owned_->Start(), 0);
+    buffer_ = std::make_unique<CBuffer>(clock_);
+    ASSERT_EQ(buffer_->Start(), 0);
   }
-
-  // Stores the frame of stream position `n`, every sample holding its sequence number,
-  // arriving now on the simulated clock.
-  int Put(long n, std::uint32_t timestamp) {
+  // Stores position n, every sample holding its sequence number, at the clock's time.
+  int Put(long n, std::uint32_t ts = 0) {
     std::array<std::int16_t, 160> frame;
     frame.fill(static_cast<std::int16_t>(SeqOf(n)));
     const std::int32_t seq = SeqOf(n);
-    const std::uint32_t size = 320;
-    return buffer().PutFrame(frame.data(), &seq, &timestamp, &size);
+    const std::uint32_t size = 320, stamp = ts ? ts : TsOf(n);
+    return buffer_->PutFrame(frame.data(), &seq, &stamp, &size);
   }
-  int Put(long n) { return Put(n, TsOf(n)); }
-
-  Pull Get(std::size_t room_samples = 1280) {
-    std::vector<std::int16_t> out(room_samples, 0x5555);
-    Pull pull;
+  // A pull in the scripts' words: "N" not playing (601), "C" conceal (600), "E" empty (1),
+  // "G10,11,x" the sequence numbers delivered, x for the lost marker. Each frame is whole.
+  std::string Get(std::size_t room = 1280) {
+    std::vector<std::int16_t> out(room, 0x5555);
     std::uint32_t size = 12345;
-    pull.status = buffer().GetFrames(out, &size);
-    pull.bytes = size;
-    for (std::uint32_t k = 0; k < size / 320 && (k + 1) * 160 <= out.size(); ++k) {
-      const std::int16_t* frame = out.data() + k * 160;
-      if (IsFrameLost(frame)) {
-        pull.frames.push_back(kLost);
-        EXPECT_TRUE(std::all_of(frame + 4, frame + 160, [](std::int16_t s) { return s == 0; }));
+    const int status = buffer_->GetFrames(out, &size);
+    if (status != 0 || size % 320 || size > room * 2) {
+      return size            ? "size " + std::to_string(size)
+             : status == 600 ? "C"
+             : status == 601 ? "N"
+                             : "E";
+    }
+    std::string text = "G";
+    for (std::size_t k = 0; k < size / 320; ++k) {
+      const std::int16_t* f = out.data() + k * 160;
+      const bool lost = IsFrameLost(f);
+      const std::int16_t fill = lost ? 0 : f[0];
+      EXPECT_TRUE(
+          std::all_of(f + (lost ? 4 : 0), f + 160, [&](std::int16_t s) { return s == fill; }));
+      text += (k ? "," : "") + (lost ? "x" : std::to_string(static_cast<std::uint16_t>(f[0])));
+    }
+    return text;
+  }
+  // Pulls as Get words them, and puts of stream positions 20 ms apart: "P10" accepted, "P10!"
+  // refused, "P10-20" a run, "P10-20+800" the first of the run 800 ms later still.
+  void Run(const std::string& script) {
+    std::istringstream in(script);
+    for (std::string token; in >> token;) {
+      if (token[0] != 'P') {
+        EXPECT_EQ(Get(), token);
         continue;
       }
-      EXPECT_TRUE(std::all_of(frame, frame + 160, [&](std::int16_t s) { return s == frame[0]; }))
-          << "frame " << k << " is not one whole stored frame";
-      pull.frames.push_back(static_cast<std::uint16_t>(frame[0]));
+      const auto dash = token.find('-'), plus = token.find('+');
+      const long first = std::stol(token.substr(1));
+      const long last = dash == std::string::npos ? first : std::stol(token.substr(dash + 1));
+      long extra_ms = plus == std::string::npos ? 0 : std::stol(token.substr(plus + 1));
+      for (long n = first; n <= last; ++n) {
+        clock_.AdvanceMs(20 + std::exchange(extra_ms, 0));
+        EXPECT_EQ(Put(n), token.back() == '!' ? 1 : 0) << token << ": " << n;
+      }
     }
-    return pull;
   }
-
   std::int32_t Depth() {
     std::int32_t depth = 0;
-    return buffer().GetDepth(&depth) == 0 ? depth : 0;
-  }
-
-  // Frames 95 to 100 on time, 20 ms apart, then 101 `late_ms` late. Playing begins at 97,
-  // and 100 arrives while playing, so it becomes the reference that 101 is measured on.
-  void MeasureOnce(int late_ms) {
-    for (long n = 95; n <= 100; ++n) {
-      clock_.AdvanceMs(20);
-      ASSERT_EQ(Put(n), 0);
-    }
-    clock_.AdvanceMs(20 + late_ms);
-    ASSERT_EQ(Put(101), 0);
+    return buffer_->GetDepth(&depth) == 0 ? depth : 0;
   }
 
   FakeClock clock_{FakeClock::Mode::kManual};
-  std::unique_ptr<CBuffer> owned_ = std::make_unique<CBuffer>(clock_);
-};
-
-// ---- Scripts: put and get, one row per step ------------------------------------------------
-
-struct Step {
-  char op;  // 'P' put (20 ms after the previous put), 'G' get
-  long n;
-  int status;
-  std::vector<long> frames;
-};
-Step P(long n, int status = 0) { return Step{'P', n, status, {}}; }
-Step G(int status, std::vector<long> frames = {}) { return Step{'G', 0, status, std::move(frames)}; }
-
-struct Script {
-  const char* name;
-  std::vector<Step> steps;
+  std::unique_ptr<CBuffer> buffer_;
 };
 
 TEST_F(BufferTest, Scripts) {
-  // Target depth 1 throughout: no frame of these arrives late against a reference.
-  const Script scripts[] = {
-      {"idle, prebuffering, then playing from the third frame",
-       {G(601), P(10), G(601), P(11), G(601), P(12), G(0, {10}), G(0, {11}), G(600), G(0, {12}),
-        G(1), G(1), P(13), G(600), G(0, {13})}},
-      {"duplicates and late frames are refused",
-       {P(10), P(10, 1), P(11), P(12), G(0, {10}), G(0, {11}), P(11, 1), P(10, 1), P(13),
-        P(13, 1), G(0, {12})}},
-      {"depth 2 to 4 gives one frame a call",
-       {P(10), P(11), P(12), P(13), G(0, {10}), G(0, {11}), G(0, {12}), G(600), G(0, {13})}},
-      {"one missing number gives one 600 at its place",
-       {P(10), P(11), P(12), G(0, {10}), P(13), G(0, {11}), P(15), G(0, {12}), P(16), G(0, {13}),
-        P(17), G(600), P(18), G(0, {15}), P(19), G(0, {16}), P(20), G(0, {17})}},
-      {"a burst carries the marker for a missing frame",
-       {P(10), P(11), P(13), P(14), P(15), P(16), P(17), P(18), G(0, {10, 11, kLost}),
-        G(0, {13, 14}), G(0, {15})}},
-      {"a held frame is not part of a burst",
-       {P(10), P(11), P(12), G(0, {10}), G(0, {11}), G(600), P(13), P(14), P(15), P(16), P(17),
-        P(18), P(19), P(20), G(0, {12}), G(0, {13, 14})}},
-      {"depth 12 above an upper depth of 11: two slots go",
-       {P(10), P(11), P(12), P(13), P(14), P(15), P(16), P(17), P(18), P(19), P(20), P(21),
-        G(0, {12, 13, 14, 15, 16}), G(0, {17})}},
+  // Target depth 1 throughout: nothing arrives late against a reference.
+  const std::pair<const char*, const char*> scripts[] = {
+      {"idle, prebuffering, playing from the third frame; a shallow frame is held once",
+       "N P10 N P11 N P12 G10 G11 C G12 E E P13 C G13"},
+      {"duplicates and late frames are refused", "P10 P10! P11 P12 G10 G11 P11! P10! P13 P13! G12"},
+      {"depth 2 to 4 gives one frame a call", "P10-13 G10 G11 G12 C G13"},
+      {"a missing number gives one 600 at its place",
+       "P10-12 G10 P13 G11 P15 G12 P16 G13 P17 C P18 G15 P19 G16 P20 G17"},
+      {"a burst carries the marker for a missing frame", "P10 P11 P13-18 G10,11,x G13,14 G15"},
+      {"a held frame is not part of a burst", "P10-12 G10 G11 C P13-20 G12 G13,14"},
       {"a stream across 65,535",
-       {P(65533), P(65534), P(65535), G(0, {65533}), P(65536), G(0, {65534}), P(65537),
-        G(0, {65535}), P(65538), G(0, {0}), P(65539), G(0, {1}), G(0, {2}), G(600), G(0, {3})}},
+       "P65533-65535 G65533 P65536 G65534 P65537 G65535 P65538 G0 P65539 G1 G2 C G3"},
       {"running dry at the end of the table, then going on",
-       {P(65533), P(65534), P(65535), G(0, {65533}), G(0, {65534}), G(600), G(0, {65535}), G(1),
-        G(1), P(65536), P(65537), G(0, {0}), G(600), G(0, {1})}},
-      {"a drop and a burst across the end of the table",
-       {P(65530), P(65531), P(65532), P(65533), P(65534), P(65535), P(65536), P(65537), P(65538),
-        P(65539), P(65540), P(65541), P(65542), G(0, {65533, 65534, 65535, 0, 1}), G(0, {2})}},
+       "P65533-65535 G65533 G65534 C G65535 E E P65536-65537 G0 C G1"},
+      {"a drop and a burst across the end of the table", "P65530-65542 G65533,65534,65535,0,1 G2"},
   };
-  for (const Script& script : scripts) {
-    SCOPED_TRACE(script.name);
-    Fresh();  // a first voice path each time: no frames thrown away
-    for (std::size_t i = 0; i < script.steps.size(); ++i) {
-      const Step& step = script.steps[i];
-      SCOPED_TRACE(::testing::Message() << "step " << i);
-      if (step.op == 'P') {
-        clock_.AdvanceMs(20);
-        EXPECT_EQ(Put(step.n), step.status) << "put " << step.n;
-      } else {
-        const Pull pull = Get();
-        EXPECT_EQ(pull.status, step.status);
-        std::vector<long> expected;
-        for (long n : step.frames) expected.push_back(n == kLost ? kLost : SeqOf(n));
-        EXPECT_EQ(pull.frames, expected);
-        EXPECT_EQ(pull.bytes, 320u * expected.size());
-      }
-    }
-    EXPECT_EQ(buffer().GetJitterDepth(), 0);
+  for (const auto& [name, script] : scripts) {
+    SCOPED_TRACE(name);
+    Fresh();
+    Run(script);
+    EXPECT_EQ(buffer_->GetJitterDepth(), 0);
   }
 }
 
-// ---- Depth bands -----------------------------------------------------------------------------
-
-TEST_F(BufferTest, FirstPullByDepthAtTargetOne) {
+TEST_F(BufferTest, FirstPullByDepth) {
+  // Frames from 95 on, 101 `late_ms` late against the reference 100. At T = 1 (U = 11) and
+  // T = 40 (U = 70): one frame up to T + 3, then bursts of 1, 2, 1, 2, 3 ... up to 8 (102
+  // missing: the marker), and above U the oldest dropped, one slot more than the excess.
   struct Row {
-    int depth;
-    std::vector<long> frames;
-    std::int32_t read_after;
+    int late_ms, depth;
+    bool hole;
+    long first, count;
   };
   const Row rows[] = {
-      {3, {10}, 11},
-      {4, {10}, 11},
-      {5, {10}, 11},                      // T + 4: a burst of one
-      {6, {10, 11}, 12},
-      {7, {10}, 11},                      // 3 above T + 3 gives 3 - 2
-      {8, {10, 11}, 12},
-      {9, {10, 11, 12}, 13},
-      {10, {10, 11, 12, 13}, 14},
-      {11, {10, 11, 12, 13, 14}, 15},     // U = 11: no drop yet
-      {12, {12, 13, 14, 15, 16}, 17},     // drop 1, clear 2
-      {13, {13, 14, 15, 16, 17}, 18},     // drop 2, clear 3
-      {40, {40, 41, 42, 43, 44}, 45},
+      {0, 3, 0, 95, 1},    {0, 4, 0, 95, 1},    {0, 5, 0, 95, 1},    {0, 6, 0, 95, 2},
+      {0, 7, 0, 95, 1},    {0, 9, 0, 95, 3},    {0, 11, 0, 95, 5},   {0, 12, 0, 97, 5},
+      {0, 13, 0, 98, 5},   {0, 40, 0, 125, 5},  {800, 44, 0, 95, 1}, {800, 45, 0, 95, 2},
+      {800, 46, 0, 95, 1}, {800, 47, 0, 95, 2}, {800, 48, 0, 95, 3}, {800, 52, 0, 95, 7},
+      {800, 53, 0, 95, 8}, {800, 53, 1, 95, 8}, {800, 60, 0, 95, 8}, {800, 75, 0, 101, 8},
   };
   for (const Row& row : rows) {
-    SCOPED_TRACE(::testing::Message() << "depth " << row.depth);
+    SCOPED_TRACE(::testing::Message() << row.late_ms << " ms, depth " << row.depth);
     Fresh();
-    for (long n = 10; n < 10 + row.depth; ++n) {
-      clock_.AdvanceMs(20);
-      ASSERT_EQ(Put(n), 0);
-    }
+    const std::string last = std::to_string(94 + row.depth), late = std::to_string(row.late_ms);
+    Run(!row.late_ms
+            ? "P95-" + last
+            : "P95-100 P101+" + late + (row.hole ? " P103-" + last + "+20" : " P102-" + last));
+    ASSERT_EQ(buffer_->GetJitterDepth(), row.late_ms / 20);
     ASSERT_EQ(Depth(), row.depth);
-    const Pull pull = Get();
-    EXPECT_EQ(pull.status, 0);
-    EXPECT_EQ(pull.frames, row.frames);
-    EXPECT_EQ(buffer().GetReadPos(), row.read_after);
+    std::string expected = "G";
+    for (long n = row.first; n < row.first + row.count; ++n) {
+      expected += (n > row.first ? "," : "") + (row.hole && n == 102 ? "x" : std::to_string(n));
+    }
+    EXPECT_EQ(Get(), expected);
+    EXPECT_EQ(buffer_->GetReadPos(), row.first + row.count);
   }
 }
 
 TEST_F(BufferTest, DelayGivesTargetAndUpperDepth) {
-  struct Row {
-    int late_ms;
-    std::int32_t jitter;
-    std::int32_t target;
-    std::int32_t upper;
-  };
-  const Row rows[] = {
-      {0, 0, 1, 11},      {14, 0, 1, 11},     {15, 1, 1, 11},       {100, 5, 5, 15},
-      {700, 35, 35, 45},  {720, 36, 36, 66},  {40000, 2000, 1000, 1030},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(::testing::Message() << row.late_ms << " ms late");
+  // (delay_ms + 5) / 20 frames; the target is clamped to 1..1000, U = T + 30 above 35.
+  const std::array<int, 4> rows[] = {{14, 0, 1, 11},
+                                     {15, 1, 1, 11},
+                                     {700, 35, 35, 45},
+                                     {720, 36, 36, 66},
+                                     {40000, 2000, 1000, 1030}};
+  for (const auto& [late_ms, jitter, target, upper] : rows) {
+    SCOPED_TRACE(::testing::Message() << late_ms << " ms late");
     Fresh();
-    MeasureOnce(row.late_ms);
-    EXPECT_EQ(buffer().GetJitterDepth(), row.jitter);
-    EXPECT_EQ(buffer().TargetDepth(), row.target);
-    EXPECT_EQ(buffer().UpperDepth(), row.upper);
-    // A new voice path keeps what was measured.
-    buffer().Reset();
-    EXPECT_EQ(buffer().TargetDepth(), row.target);
+    Run("P95-100 P101+" + std::to_string(late_ms));
+    EXPECT_EQ(buffer_->GetJitterDepth(), jitter);
+    EXPECT_EQ(buffer_->TargetDepth(), target);
+    EXPECT_EQ(buffer_->UpperDepth(), upper);
+    buffer_->Reset();  // a new voice path keeps what was measured
+    EXPECT_EQ(buffer_->TargetDepth(), target);
   }
-}
-
-TEST_F(BufferTest, NoDelaySampleBeforeTheFirstReference) {
-  // Until a multiple of 100 has arrived while playing, lateness is not measured.
-  for (long n = 10; n < 90; ++n) {
-    clock_.AdvanceMs(n == 50 ? 3000 : 20);
-    ASSERT_EQ(Put(n), 0);
-  }
-  EXPECT_EQ(buffer().GetJitterDepth(), 0);
-  EXPECT_EQ(buffer().GetStoredCount(), 80u);
 }
 
 TEST_F(BufferTest, AnEarlyFrameMovesItsReferenceEarlier) {
-  for (long n = 95; n <= 100; ++n) {
-    clock_.AdvanceMs(20);
-    ASSERT_EQ(Put(n), 0);
-  }
-  clock_.AdvanceMs(20);
-  ASSERT_EQ(Put(101), 0);  // on time
+  Run("P95-101");
   clock_.AdvanceMs(1);
   ASSERT_EQ(Put(102), 0);  // 19 ms early: the reference moves 19 ms earlier
-  EXPECT_EQ(buffer().GetJitterDepth(), 0);
+  EXPECT_EQ(buffer_->GetJitterDepth(), 0);
   clock_.AdvanceMs(39);
   ASSERT_EQ(Put(103), 0);  // on the old timeline, now 19 ms late
-  EXPECT_EQ(buffer().GetJitterDepth(), 1);
+  EXPECT_EQ(buffer_->GetJitterDepth(), 1);
 }
-
-TEST_F(BufferTest, BurstsOfOneToEightWithTheLostMarker) {
-  // Measured delay 40 frames: T = 40, U = 70, so depths 44 to 70 play in bursts.
-  struct Row {
-    int depth;
-    long hole;  // a frame never sent, or 0
-    std::vector<long> frames;
-  };
-  const Row rows[] = {
-      {44, 0, {95}},
-      {45, 0, {95, 96}},
-      {46, 0, {95}},
-      {47, 0, {95, 96}},
-      {48, 0, {95, 96, 97}},
-      {49, 0, {95, 96, 97, 98}},
-      {50, 0, {95, 96, 97, 98, 99}},
-      {51, 0, {95, 96, 97, 98, 99, 100}},
-      {52, 0, {95, 96, 97, 98, 99, 100, 101}},
-      {53, 0, {95, 96, 97, 98, 99, 100, 101, 102}},
-      {53, 102, {95, 96, 97, 98, 99, 100, 101, kLost}},
-      {60, 0, {95, 96, 97, 98, 99, 100, 101, 102}},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(::testing::Message() << "depth " << row.depth << " hole " << row.hole);
-    Fresh();
-    MeasureOnce(800);
-    for (long n = 102; n < 95 + row.depth; ++n) {
-      clock_.AdvanceMs(20);
-      if (n != row.hole) {
-        ASSERT_EQ(Put(n), 0);
-      }
-    }
-    ASSERT_EQ(buffer().GetJitterDepth(), 40);
-    ASSERT_EQ(Depth(), row.depth);
-    const Pull pull = Get();
-    EXPECT_EQ(pull.status, 0);
-    EXPECT_EQ(pull.frames, row.frames);
-    EXPECT_EQ(buffer().GetReadPos(), 95 + static_cast<std::int32_t>(row.frames.size()));
-  }
-}
-
-// ---- Voice paths -----------------------------------------------------------------------------
 
 TEST_F(BufferTest, SecondVoicePathDropsTenFramesAndWaitsForAReference) {
-  MeasureOnce(800);
-  ASSERT_EQ(buffer().GetJitterDepth(), 40);
-  buffer().Reset();
-  EXPECT_FALSE(buffer().IsPlaying());
-  EXPECT_EQ(buffer().GetReadPos(), -1);
-  EXPECT_EQ(buffer().GetFramesHeld(), 0u);
-
-  // The first ten frames of the new path are taken and thrown away.
-  for (long n = 7080; n < 7090; ++n) {
-    clock_.AdvanceMs(20);
-    EXPECT_EQ(Put(n), 0);
-    EXPECT_EQ(buffer().GetReadPos(), -1);
-    EXPECT_EQ(Get().status, 601);
-  }
-  EXPECT_EQ(buffer().GetFramesHeld(), 0u);
-  clock_.AdvanceMs(20);
-  ASSERT_EQ(Put(7090), 0);
-  EXPECT_EQ(buffer().GetReadPos(), 7090);
-
-  // The target is still 40: playing begins when a frame finds a depth of 41.
-  for (long n = 7091; n <= 7130; ++n) {
-    clock_.AdvanceMs(20);
-    ASSERT_EQ(Put(n), 0);
-  }
-  EXPECT_FALSE(buffer().IsPlaying());
-  clock_.AdvanceMs(20);
-  ASSERT_EQ(Put(7131), 0);
-  EXPECT_TRUE(buffer().IsPlaying());
-
-  // 7100 came before playing, so there is no reference yet: a 2 s stall is not measured.
-  for (long n = 7132; n < 7200; ++n) {
-    clock_.AdvanceMs(n == 7150 ? 2000 : 20);
-    ASSERT_EQ(Put(n), 0);
-  }
-  EXPECT_EQ(buffer().GetJitterDepth(), 40);
-
-  clock_.AdvanceMs(20);
-  ASSERT_EQ(Put(7200), 0);  // a reference at last
-  clock_.AdvanceMs(20 + 1000);
-  ASSERT_EQ(Put(7201), 0);
-  EXPECT_EQ(buffer().GetJitterDepth(), 50);
+  Run("P95-100 P101+800");
+  ASSERT_EQ(buffer_->GetJitterDepth(), 40);
+  buffer_->Reset();
+  EXPECT_FALSE(buffer_->IsPlaying());
+  Run("P7080 N P7081 N P7082 N P7083 N P7084 N P7085 N P7086 N P7087 N P7088 N P7089 N");
+  EXPECT_EQ(buffer_->GetReadPos(), -1);  // the ten were taken and thrown away
+  EXPECT_EQ(buffer_->GetFramesHeld(), 0u);
+  Run("P7090-7130");  // the target is still 40: playing begins at a depth of 41
+  EXPECT_EQ(buffer_->GetReadPos(), 7090);
+  EXPECT_FALSE(buffer_->IsPlaying());
+  Run("P7131");
+  EXPECT_TRUE(buffer_->IsPlaying());
+  // 7100 came before playing, so there is no reference: a 2 s stall is not measured.
+  Run("P7132-7149 P7150-7199+1980");
+  EXPECT_EQ(buffer_->GetJitterDepth(), 40);
+  Run("P7200 P7201+1000");  // 7200 is a reference at last
+  EXPECT_EQ(buffer_->GetJitterDepth(), 50);
 }
-
-// ---- The wrap of the sequence number ---------------------------------------------------------
 
 TEST_F(BufferTest, NumbersPastTheWrapAreNewWhenTheirTimestampIsAhead) {
-  for (long n = 65530; n <= 65532; ++n) {
-    clock_.AdvanceMs(20);
-    ASSERT_EQ(Put(n), 0);
-  }
-  ASSERT_EQ(buffer().GetReadPos(), 65530);
-  clock_.AdvanceMs(20);
-  EXPECT_EQ(Put(65539), 0);  // sequence number 3, timestamp ahead
-  EXPECT_EQ(buffer().GetNewest(), 3);
-  EXPECT_EQ(Depth(), 10);    // 65530 .. 65535 and 0 .. 3
-  // Sequence number 2 with a timestamp behind the frame that is due is late.
-  EXPECT_EQ(Put(2, TsOf(65530) - 160), 1);
+  Run("P65530-65532 P65539");  // sequence number 3, timestamp ahead
+  EXPECT_EQ(buffer_->GetNewest(), 3);
+  EXPECT_EQ(Depth(), 10);
+  EXPECT_EQ(Put(2, TsOf(65530) - 160), 1);  // timestamp behind the due frame: late
 }
 
-// ---- A jittery stream, end to end --------------------------------------------------------------
-
 TEST_F(BufferTest, JitteryStreamDeliversEveryAcceptedFrameOnceInOrder) {
-  // 40,000 frames (13 minutes, through one wrap) sent every 20 ms and delayed 0 to 100 ms
-  // at random, so some overtake others; the host pulls every 20 ms, 10 ms out of phase.
+  // 40,000 frames (13 minutes, through one wrap) sent every 20 ms and delayed 0 to 100 ms at
+  // random, so some overtake others; the host pulls every 20 ms, 10 ms out of phase.
   constexpr long kFrames = 40000;
-  constexpr long kFirst = 40000;  // the wrap comes at frame 25,536
   std::mt19937 random(99);
   std::uniform_int_distribution<int> delay_ms(0, 100);
   std::multimap<std::int64_t, long> arrivals;  // time -> stream position
-  for (long i = 0; i < kFrames; ++i) arrivals.emplace(i * 20 + delay_ms(random), kFirst + i);
-
-  std::vector<long> accepted;
-  std::vector<long> delivered;  // unwrapped
-  long concealed = 0;
-  long last = -1;
+  for (long i = 0; i < kFrames; ++i) arrivals.emplace(i * 20 + delay_ms(random), kFrames + i);
+  std::vector<long> accepted, delivered;
+  long last = kFrames - 1;
   std::int64_t now = 0;
-  auto unwrap = [&](long seq) {
-    // Near the last delivered frame, in the stream's own numbering.
-    long base = last < 0 ? kFirst : last;
-    long candidate = base - base % 65536 + seq;
-    if (candidate < base - 32768) candidate += 65536;
-    if (candidate > base + 32768) candidate -= 65536;
-    return candidate;
-  };
   auto it = arrivals.begin();
   for (std::int64_t pull_at = 10; pull_at < kFrames * 20 + 400; pull_at += 20) {
     for (; it != arrivals.end() && it->first <= pull_at; ++it) {
-      clock_.AdvanceMs(it->first - now);
-      now = it->first;
+      clock_.AdvanceMs(it->first - std::exchange(now, it->first));
       if (Put(it->second) == 0) accepted.push_back(it->second);
     }
-    clock_.AdvanceMs(pull_at - now);
-    now = pull_at;
-    const Pull pull = Get();
-    if (pull.status == 600) ++concealed;
-    for (long seq : pull.frames) {
-      if (seq == kLost) {
-        ++concealed;
-        continue;
-      }
-      const long n = unwrap(seq);
+    clock_.AdvanceMs(pull_at - std::exchange(now, pull_at));
+    std::istringstream pulled(Get().substr(1));
+    for (std::string item; std::getline(pulled, item, ',');) {
+      if (item == "x" || item.empty()) continue;
+      long n = last - last % 65536 + std::stol(item);  // the stream position nearest the last
+      if (n < last - 32768) n += 65536;
+      if (n > last + 32768) n -= 65536;
       ASSERT_GT(n, last) << "out of order";
-      last = n;
-      delivered.push_back(n);
+      delivered.push_back(last = n);
     }
   }
   std::sort(accepted.begin(), accepted.end());
   EXPECT_EQ(delivered, accepted);  // nothing accepted is lost, nothing comes twice
   EXPECT_GT(accepted.size(), static_cast<std::size_t>(kFrames * 99 / 100));
-  EXPECT_LE(buffer().GetJitterDepth(), 5);
-  EXPECT_GE(buffer().GetJitterDepth(), 3);
-  EXPECT_EQ(buffer().GetFramesHeld(), 0u);
-  buffer().Reset();
-  EXPECT_EQ(buffer().GetFramesHeld(), 0u);
+  EXPECT_GE(buffer_->GetJitterDepth(), 3);
+  EXPECT_LE(buffer_->GetJitterDepth(), 5);
+  EXPECT_EQ(buffer_->GetFramesHeld(), 0u);
 }
 
-// ---- Bad input and misuse -----------------------------------------------------------------------
-
-TEST_F(BufferTest, BadPutArgumentsAreRefusedWithoutAChange) {
+TEST_F(BufferTest, BadInputAndShortOutputAreas) {
   std::array<std::int16_t, 160> frame{};
-  const std::uint32_t ts = 1000;
-  const std::uint32_t good_size = 320;
+  const std::int32_t negative = -1, above = 65536, ten = 10;
+  const std::uint32_t ts = 1000, zero = 0, full = 320, over = 321;
   struct Row {
     const char* name;
     const std::int16_t* samples;
-    std::int32_t seq;
-    bool null_seq;
-    std::uint32_t size;
-    bool null_ts;
+    const std::int32_t* seq;
+    const std::uint32_t *timestamp, *size;
   };
   const Row rows[] = {
-      {"negative number", frame.data(), -1, false, 320, false},
-      {"number above 65,535", frame.data(), 65536, false, 320, false},
-      {"size 0", frame.data(), 10, false, 0, false},
-      {"size above a frame", frame.data(), 10, false, 321, false},
-      {"no samples", nullptr, 10, false, 320, false},
-      {"no number", frame.data(), 10, true, 320, false},
-      {"no timestamp", frame.data(), 10, false, 320, true},
+      {"negative number", frame.data(), &negative, &ts, &full},
+      {"number above 65,535", frame.data(), &above, &ts, &full},
+      {"size 0", frame.data(), &ten, &ts, &zero},
+      {"size above a frame", frame.data(), &ten, &ts, &over},
+      {"no samples", nullptr, &ten, &ts, &full},
+      {"no number", frame.data(), nullptr, &ts, &full},
+      {"no timestamp", frame.data(), &ten, nullptr, &full},
+      {"no size", frame.data(), &ten, &ts, nullptr},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
-    const std::uint32_t size = row.size;
-    EXPECT_EQ(buffer().PutFrame(row.samples, row.null_seq ? nullptr : &row.seq,
-                               row.null_ts ? nullptr : &ts, &size, nullptr),
-              1);
-    EXPECT_EQ(buffer().GetReadPos(), -1);
-    EXPECT_EQ(buffer().GetStoredCount(), 0u);
+    EXPECT_EQ(buffer_->PutFrame(row.samples, row.seq, row.timestamp, row.size, nullptr), 1);
+    EXPECT_EQ(buffer_->GetReadPos(), -1);
+    EXPECT_EQ(buffer_->GetStoredCount(), 0u);
   }
-  const std::int32_t seq = 10;
-  EXPECT_EQ(buffer().PutFrame(frame.data(), &seq, &ts, nullptr, nullptr), 1);
-  std::uint32_t size_out = 0;
-  frame.fill(10);
-  EXPECT_EQ(buffer().PutFrame(frame.data(), &seq, &ts, &good_size, &size_out), 0);
-  EXPECT_EQ(size_out, 320u);
-
-  // A short frame is padded with silence and keeps its own size.
+  // A short frame is padded with silence and reports its own size.
   frame.fill(777);
   const std::uint32_t short_size = 100;
-  for (std::int32_t n = 11; n <= 12; ++n) {
-    const std::uint32_t later = ts + static_cast<std::uint32_t>(n) * 160;
-    ASSERT_EQ(buffer().PutFrame(frame.data(), &n, &later, &short_size), 0);
-  }
-  ASSERT_EQ(Get().frames, (std::vector<long>{10}));
-  std::array<std::int16_t, 160> out{};
-  std::uint32_t got = 0;
-  ASSERT_EQ(buffer().GetFrames(out, &got), 0);
-  EXPECT_EQ(got, 100u);
-  EXPECT_EQ(out[49], 777);
-  EXPECT_EQ(out[50], 0);
-}
-
-TEST_F(BufferTest, OutputRoomBoundsTheBurst) {
-  for (long n = 10; n < 21; ++n) {  // depth 11: a burst of 5 is due
-    clock_.AdvanceMs(20);
-    ASSERT_EQ(Put(n), 0);
-  }
-  EXPECT_EQ(Get(100).status, CBuffer::kEmpty);  // not even one frame fits: nothing moves
-  EXPECT_EQ(buffer().GetReadPos(), 10);
-  const Pull pull = Get(3 * 160 + 10);
-  EXPECT_EQ(pull.status, 0);
-  EXPECT_EQ(pull.frames, (std::vector<long>{10, 11, 12}));
-  EXPECT_EQ(buffer().GetReadPos(), 13);
   std::uint32_t size = 0;
-  std::array<std::int16_t, 160> one{};
-  EXPECT_EQ(buffer().GetFrames(one, nullptr), 0);  // no size wanted
-  EXPECT_EQ(buffer().GetFrames(one, &size), 0);
-  EXPECT_EQ(size, 320u);
+  for (std::int32_t n = 10; n <= 12; ++n) {
+    const std::uint32_t later = ts + static_cast<std::uint32_t>(n) * 160;
+    ASSERT_EQ(buffer_->PutFrame(frame.data(), &n, &later, &short_size, &size), 0);
+  }
+  EXPECT_EQ(size, 100u);
+  ASSERT_EQ(buffer_->GetFrames(frame, &size), 0);
+  EXPECT_EQ(size, 100u);
+  EXPECT_EQ(frame[49], 777);
+  EXPECT_EQ(frame[50], 0);
+  // An output area shorter than a frame gets nothing, and nothing moves; a burst stops at
+  // the area's end.
+  EXPECT_EQ(Get(100), "E");
+  EXPECT_EQ(buffer_->GetReadPos(), 11);
+  Fresh();
+  Run("P10-20");  // depth 11: a burst of 5 is due
+  EXPECT_EQ(Get(3 * 160 + 10), "G10,11,12");
+  EXPECT_EQ(buffer_->GetReadPos(), 13);
+  EXPECT_EQ(buffer_->GetFrames(frame, nullptr), 0);  // no size wanted
 }
 
 TEST(Buffer, UseBeforeStartAndAfterShutdown) {
@@ -493,33 +299,29 @@ TEST(Buffer, UseBeforeStartAndAfterShutdown) {
   CBuffer buffer(clock);
   std::array<std::int16_t, 160> frame{};
   const std::int32_t seq = 1;
-  const std::uint32_t ts = 160;
-  const std::uint32_t size = 320;
-  std::array<std::int16_t, 1280> out{};
+  const std::uint32_t ts = 160, size = 320;
   std::uint32_t got = 9;
-  EXPECT_EQ(buffer.PutFrame(frame.data(), &seq, &ts, &size), 1);
-  EXPECT_EQ(buffer.GetFrames(out, &got), CBuffer::kNotPlaying);
+  auto put = [&] { return buffer.PutFrame(frame.data(), &seq, &ts, &size); };
+  EXPECT_EQ(put(), 1);
+  EXPECT_EQ(buffer.GetFrames(frame, &got), CBuffer::kNotPlaying);
   EXPECT_EQ(got, 0u);
   buffer.Reset();
   EXPECT_EQ(buffer.Start(), 0);
-  EXPECT_EQ(buffer.PutFrame(frame.data(), &seq, &ts, &size), 0);
+  EXPECT_EQ(put(), 0);
   EXPECT_EQ(buffer.Start(), 0);  // again: the table stays, its frames go
   EXPECT_EQ(buffer.GetFramesHeld(), 0u);
-  EXPECT_EQ(buffer.PutFrame(frame.data(), &seq, &ts, &size), 0);
+  EXPECT_EQ(put(), 0);
   EXPECT_EQ(buffer.Shutdown(), 0);
   EXPECT_EQ(buffer.Shutdown(), 0);
   EXPECT_EQ(buffer.GetFrameCapacity(), 0u);
-  EXPECT_EQ(buffer.PutFrame(frame.data(), &seq, &ts, &size), 1);
-  EXPECT_EQ(buffer.GetFrames(out, &got), CBuffer::kNotPlaying);
+  EXPECT_EQ(put(), 1);
+  EXPECT_EQ(buffer.GetFrames(frame, &got), CBuffer::kNotPlaying);
   EXPECT_EQ(buffer.ClearRange(-1, 5, false, false), 1);
   EXPECT_EQ(buffer.ClearRange(0, 65537, false, false), 1);
 }
 
-// ---- Threads and traces -------------------------------------------------------------------
-
 TEST(Buffer, ThreeThreadsShareTheBuffer) {
-  // The receive thread stores, the host thread pulls, the call processor resets; the
-  // sanitizers watch. Real threads, but nothing here depends on how fast they run.
+  // Receive thread stores, host thread pulls, call processor resets; the sanitizers watch.
   auto buffer = std::make_unique<CBuffer>();
   ASSERT_EQ(buffer->Start(), 0);
   std::atomic<bool> stop{false};
@@ -527,53 +329,59 @@ TEST(Buffer, ThreeThreadsShareTheBuffer) {
     std::array<std::int16_t, 160> frame{};
     for (std::uint32_t n = 0; n < 30000; ++n) {
       const std::int32_t seq = static_cast<std::int32_t>(n % 65536);
-      const std::uint32_t ts = n * 160 + 160;
-      const std::uint32_t size = 320;
+      const std::uint32_t ts = n * 160 + 160, size = 320;
       buffer->PutFrame(frame.data(), &seq, &ts, &size, nullptr, n * 20);
     }
     stop = true;
   });
   std::thread host([&] {
     std::array<std::int16_t, 1280> out{};
-    std::uint32_t size = 0;
-    while (!stop) buffer->GetFrames(out, &size);
+    while (!stop) buffer->GetFrames(out, nullptr);
   });
-  std::thread control([&] {
-    while (!stop) {
-      buffer->Reset();
-      std::this_thread::yield();
-    }
-  });
+  while (!stop) {
+    buffer->Reset();
+    std::this_thread::yield();
+  }
   receiver.join();
   host.join();
-  control.join();
   buffer->Reset();
   EXPECT_EQ(buffer->GetFramesHeld(), 0u);
 }
 
-TEST(Buffer, TracesItsLife) {
-  const std::string path = ::testing::TempDir() + "voice_buffer_trace.log";
-  ASSERT_EQ(CTracer::Instance().Startup(path.c_str(), TRACE_ALL), 0);
-  {
-    CBuffer buffer;
-    buffer.Start();
-    buffer.Shutdown();
+TEST(DelayWindow, MaxMatchesAFullScan) {
+  constexpr std::uint32_t kLength = DelayWindow::kLength;
+  auto window = std::make_unique<DelayWindow>();
+  auto table = std::make_unique<std::array<std::uint32_t, kLength>>();
+  auto write = [&](std::uint32_t index, std::uint32_t value) {
+    window->Write(index, value);
+    (*table)[index % kLength] = value;
+    return window->Max() == *std::max_element(table->begin(), table->end());
+  };
+  EXPECT_EQ(window->Max(), 0u);
+  // A place skipped for three laps (stores without a sample) keeps its old value.
+  ASSERT_TRUE(write(5, 40));
+  for (std::uint32_t i = 6; i < 6 + 3 * kLength; ++i) {
+    if (i % kLength != 5) {
+      ASSERT_TRUE(write(i, 3)) << i;
+    }
   }
-  CTracer::Shutdown();
-  std::ifstream file(path);
-  std::stringstream text;
-  text << file.rdbuf();
-  const std::string log = text.str();
-  std::size_t at = 0;
-  for (const char* line : {"[BUFFER] Module created", "[BUFFER] Module starting",
-                           "[BUFFER] Module shutdown", "[BUFFER] Module destroyed"}) {
-    const std::size_t found = log.find(line, at);
-    ASSERT_NE(found, std::string::npos) << line;
-    at = found;
+  EXPECT_EQ(window->Max(), 40u);
+  ASSERT_TRUE(write(5, 2));
+  EXPECT_EQ(window->Max(), 3u);
+  // A falling series keeps every entry a candidate until it expires: the queue runs full.
+  for (std::uint32_t v = 3 * kLength, i = 6; v > 0; --v, ++i) ASSERT_TRUE(write(i, v)) << v;
+  // Random delays, skipped stores and spikes, through the wrap of the 32-bit store count,
+  // where its place jumps from 1,295 to 0.
+  std::mt19937 random(2024);
+  std::uniform_int_distribution<int> delay(0, 6), percent(0, 99);
+  std::uint32_t stored = 0xFFFFFFFFu - 20000;
+  for (int step = 0; step < 40000; ++step) {
+    ++stored;
+    if (percent(random) < 20) continue;
+    std::uint32_t value = static_cast<std::uint32_t>(delay(random));
+    if (percent(random) == 0) value = 30 + static_cast<std::uint32_t>(percent(random));
+    ASSERT_TRUE(write(stored % kLength, value)) << step;
   }
-  // Shut down already: the destructor does not report a second shutdown.
-  EXPECT_EQ(log.find("[BUFFER] Module shutdown", log.find("[BUFFER] Module shutdown") + 1),
-            std::string::npos);
 }
 
 }  // namespace

@@ -1,11 +1,9 @@
-// CMgcp over loopback with a scripted PBX socket, in real time: start, the RSIP gate, commands
-// and their answers, resending, life and threads. The schedules themselves are tested in
-// simulated time on the list.
+// CMgcp over loopback with a scripted PBX socket, in real time: the RSIP gate, commands and
+// their answers, resending, life and threads. The schedules are tested in simulated time.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <mutex>
 #include <optional>
@@ -19,10 +17,8 @@
 namespace deskline {
 namespace {
 
-using namespace std::chrono_literals;
-
 constexpr std::uint32_t kLoopback = 0x7F000001;
-const std::string kEp = "d1@001122aabbcc";
+const std::string kHead = " " + std::string(mgcp_test::kEndpoint) + " MGCP 1.0\r\n";
 
 class FakeParent final : public MgcpParent {
  public:
@@ -31,20 +27,19 @@ class FakeParent final : public MgcpParent {
     bool take_lock;
     SignalBuffer signal{};
     MgcpMediaState media;
-    std::string connection;
+    std::string connection;  // the media state's view points into the block: copied
   };
 
   explicit FakeParent(CMgcp& mgcp) : mgcp_(mgcp) {}
 
   int OnMgcpEvent(std::uint32_t event, const char* data, bool take_lock) override {
     Event record{event, take_lock};
-    if (event == MGCP_EVENT_RQNT && data != nullptr) {
-      std::memcpy(record.signal.data(), data, record.signal.size());
+    if (event == MGCP_EVENT_RQNT && data) {
+      std::memcpy(record.signal.data(), data, kSignalBufferSize);
     }
     record.media = mgcp_.MediaState();
     record.connection = std::string(record.media.remote_connection);
-    // Holding the event lock here is what the endpoint promised.
-    EXPECT_TRUE(event_lock_.try_lock());
+    EXPECT_TRUE(event_lock_.try_lock());  // the endpoint posts with the event lock held
     event_lock_.unlock();
     std::lock_guard lock(mutex_);
     events_.push_back(record);
@@ -53,63 +48,50 @@ class FakeParent final : public MgcpParent {
   int SetEventLock(bool take) override {
     if (take) {
       event_lock_.lock();
-      ++takes_;
+      ++balance_;
     } else {
-      ++releases_;
+      --balance_;
       event_lock_.unlock();
     }
     return 0;
   }
-
   std::vector<Event> events() {
     std::lock_guard lock(mutex_);
     return events_;
   }
-  int takes() const { return takes_; }
-  int releases() const { return releases_; }
+  std::atomic<int> balance_{0};
 
  private:
   CMgcp& mgcp_;
   std::recursive_mutex event_lock_;
   std::mutex mutex_;
   std::vector<Event> events_;
-  std::atomic<int> takes_{0};
-  std::atomic<int> releases_{0};
 };
 
 // The PBX's side: one loopback socket.
 class FakePbx {
  public:
-  FakePbx() {
-    EXPECT_TRUE(socket_.Open({kLoopback, 0}));
-    port_ = socket_.LocalEndpoint()->port;
-  }
-  std::uint16_t port() const { return port_; }
-
+  FakePbx() { EXPECT_TRUE(socket_.Open({kLoopback, 0})); }
+  std::uint16_t port() const { return socket_.LocalEndpoint()->port; }
   void Send(std::uint16_t to_port, std::string_view text) {
-    EXPECT_TRUE(socket_.SendTo(std::as_bytes(std::span<const char>(text.data(), text.size())),
+    EXPECT_TRUE(socket_.SendTo(std::as_bytes(std::span(text.data(), text.size())),
                                {kLoopback, to_port}));
   }
-  std::optional<std::string> Receive(int timeout_ms = 3000) {
-    char buffer[2048];
-    bool timed_out = false;
-    const auto got = socket_.ReceiveFor(std::as_writable_bytes(std::span<char>(buffer)), nullptr,
-                                        timeout_ms, &timed_out);
-    if (!got || timed_out) return std::nullopt;
-    return std::string(buffer, *got);
-  }
-  // The next datagram that is not a resend of `skip` (RSIP and NTFY resends may interleave).
-  std::optional<std::string> ReceiveOther(std::string_view skip, int timeout_ms = 3000) {
+  // The next datagram that is not a resend of `skip`.
+  std::optional<std::string> Receive(std::string_view skip = {}, int timeout_ms = 3000) {
     for (int i = 0; i < 20; ++i) {
-      auto got = Receive(timeout_ms);
-      if (!got || *got != skip) return got;
+      char buffer[2048];
+      bool timed_out = false;
+      const auto got = socket_.ReceiveFor(std::as_writable_bytes(std::span<char>(buffer)), nullptr,
+                                          timeout_ms, &timed_out);
+      if (!got || timed_out) return std::nullopt;
+      if (std::string_view(buffer, *got) != skip) return std::string(buffer, *got);
     }
     return std::nullopt;
   }
 
  private:
   platform::UdpSocket socket_;
-  std::uint16_t port_ = 0;
 };
 
 NetworkInitData LoopbackData() {
@@ -122,11 +104,17 @@ NetworkInitData LoopbackData() {
 
 template <typename Predicate>
 bool Eventually(Predicate predicate) {
-  for (int i = 0; i < 300; ++i) {
-    if (predicate()) return true;
-    std::this_thread::sleep_for(10ms);
+  for (int i = 0; i < 300 && !predicate(); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return predicate();
+}
+
+// The answer with the local SDP for the loopback address and media port 8000.
+std::string WithSdp(const std::string& first_line, int connection_id) {
+  return first_line + "I: " + std::to_string(connection_id) +
+         "\r\n\r\nv=0\r\no=- 0 0 IN IP4 127.0.0.1\r\ns=-\r\nc=IN IP4 127.0.0.1\r\nt=0 0\r\n"
+         "m=audio 8000 RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\n";
 }
 
 class MgcpModuleTest : public ::testing::Test {
@@ -138,23 +126,24 @@ class MgcpModuleTest : public ::testing::Test {
   }
   void TearDown() override {
     mgcp_.Shutdown();
-    EXPECT_EQ(parent_.takes(), parent_.releases());
+    EXPECT_EQ(parent_.balance_, 0);
   }
 
-  // Start, RSIP, and its answer: the module then accepts commands.
-  void StartAndRegister() {
+  // Start and RSIP; `answer` acknowledges it.
+  void Start(const char* answer = "200 1 OK\r\n") {
     ASSERT_EQ(mgcp_.Start(), 0);
     mgcp_.SetLocalMedia(8000);
     port_ = mgcp_.LocalPort();
     ASSERT_NE(port_, 0);
     mgcp_.PostEvent(MGCP_EVENT_SEND_RSIP, nullptr);
     ASSERT_EQ(pbx_.Receive(), rsip_);
+    if (answer == nullptr) return;
     EXPECT_FALSE(mgcp_.IsRsipAcknowledged());
-    pbx_.Send(port_, "200 1 OK\r\n");
+    pbx_.Send(port_, answer);
     ASSERT_TRUE(Eventually([&] { return mgcp_.IsRsipAcknowledged(); }));
   }
 
-  const std::string rsip_ = "RSIP 1 " + kEp + " MGCP 1.0\r\nRM: restart\r\n";
+  const std::string rsip_ = "RSIP 1" + kHead + "RM: restart\r\n";
   NetworkInitData data_ = LoopbackData();
   FakePbx pbx_;
   CMgcp mgcp_;
@@ -163,32 +152,41 @@ class MgcpModuleTest : public ::testing::Test {
 };
 
 TEST_F(MgcpModuleTest, CommandsBeforeTheRsipAnswerAreDropped) {
-  ASSERT_EQ(mgcp_.Start(), 0);
-  port_ = mgcp_.LocalPort();
-  mgcp_.PostEvent(MGCP_EVENT_SEND_RSIP, nullptr);
-  ASSERT_EQ(pbx_.Receive(), rsip_);
-  pbx_.Send(port_, "DLCX 5 " + kEp + " MGCP 1.0\r\n");
-  // Only resends of the RSIP may arrive; no answer to the DLCX.
-  EXPECT_EQ(pbx_.ReceiveOther(rsip_, 700), std::nullopt);
+  Start(nullptr);
+  pbx_.Send(port_, "DLCX 5" + kHead);
+  EXPECT_EQ(pbx_.Receive(rsip_, 700), std::nullopt);  // only RSIP resends, no answer
   EXPECT_TRUE(parent_.events().empty());
-  // A provisional answer acknowledges the RSIP as well.
-  pbx_.Send(port_, "100 1\r\n");
-  EXPECT_TRUE(Eventually([&] { return mgcp_.IsRsipAcknowledged(); }));
-  EXPECT_TRUE(Eventually([&] { return mgcp_.PendingCount() == 0; }));
+  pbx_.Send(port_, "100 1\r\n");  // a provisional answer acknowledges as well
+  EXPECT_TRUE(Eventually([&] { return mgcp_.IsRsipAcknowledged() && mgcp_.PendingCount() == 0; }));
 }
 
-TEST_F(MgcpModuleTest, ConnectionCommandsAreToldThenAnswered) {
-  StartAndRegister();
-  pbx_.Send(port_, "CRCX 5 " + kEp +
-                       " MGCP 1.0\r\nC: A3C47F21\r\nL: p:20\r\nM: recvonly\r\n\r\nv=0\r\n"
-                       "o=- 1 1 IN IP4 127.0.0.1\r\ns=-\r\nc=IN IP4 127.0.0.1\r\nt=0 0\r\n"
+TEST_F(MgcpModuleTest, CommandsAreToldThenAnswered) {
+  Start();
+  pbx_.Send(port_, "CRCX 5" + kHead +
+                       "C: A3C47F21\r\nM: recvonly\r\n\r\nv=0\r\nc=IN IP4 127.0.0.1\r\n"
                        "m=audio 49170 RTP/AVP 0 18\r\na=rtpmap:18 G729/8000\r\n");
-  EXPECT_EQ(pbx_.ReceiveOther(rsip_), "100 5\r\n");
-  EXPECT_EQ(pbx_.ReceiveOther(rsip_),
-            "200 5 OK\r\nI: 0\r\n\r\nv=0\r\no=- 0 0 IN IP4 127.0.0.1\r\ns=-\r\n"
-            "c=IN IP4 127.0.0.1\r\nt=0 0\r\nm=audio 8000 RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\n");
-  auto events = parent_.events();
-  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(pbx_.Receive(rsip_), "100 5\r\n");
+  EXPECT_EQ(pbx_.Receive(rsip_), WithSdp("200 5 OK\r\n", 0));
+  // MDCX: the SDP rides on the provisional answer.
+  pbx_.Send(port_, "MDCX 6" + kHead + "C: A3C47F21\r\nI: 12\r\nM: sendrecv\r\n");
+  EXPECT_EQ(pbx_.Receive(rsip_), WithSdp("100 6\r\n", 12));
+  EXPECT_EQ(pbx_.Receive(rsip_), "200 6 OK\r\n");
+  // Another endpoint's command is answered but not told; a CRCX still gets the SDP.
+  pbx_.Send(port_, "DLCX 7 d1@ffffffffffff MGCP 1.0\r\n");
+  EXPECT_EQ(pbx_.Receive(rsip_), "250 7\r\n");
+  pbx_.Send(port_, "CRCX 10 d1@ffffffffffff MGCP 1.0\r\nC: x\r\n");
+  EXPECT_EQ(pbx_.Receive(rsip_), "100 10\r\n");
+  EXPECT_EQ(pbx_.Receive(rsip_), WithSdp("200 10 OK\r\n", 12));
+  // An audit counts as a response and an empty datagram is skipped: neither is answered.
+  pbx_.Send(port_, "AUEP 3" + kHead);
+  pbx_.Send(port_, "");
+  pbx_.Send(port_, "RQNT 9" + kHead + "S: X-P/ks(0201,gon),X-P/ring(010203)\r\n");
+  EXPECT_EQ(pbx_.Receive(rsip_), "200 9 OK\r\n");
+  pbx_.Send(port_, "DLCX 8" + kHead + "C: A3C47F21\r\nI: 12\r\n");
+  EXPECT_EQ(pbx_.Receive(rsip_), "250 8\r\n");
+
+  const auto events = parent_.events();
+  ASSERT_EQ(events.size(), 5u);
   EXPECT_EQ(events[0].event, MGCP_EVENT_CRCX);
   EXPECT_FALSE(events[0].take_lock);
   EXPECT_EQ(events[0].connection, "IN IP4 127.0.0.1");
@@ -196,109 +194,71 @@ TEST_F(MgcpModuleTest, ConnectionCommandsAreToldThenAnswered) {
   EXPECT_EQ(events[0].media.local_rtp_port, 8000);
   EXPECT_EQ(events[0].media.codec, 18u);
   EXPECT_EQ(events[0].media.connection_mode, MGCP_MODE_RECVONLY);
-
-  // MDCX: the SDP rides on the provisional answer.
-  pbx_.Send(port_, "MDCX 6 " + kEp + " MGCP 1.0\r\nC: A3C47F21\r\nI: 12\r\nM: sendrecv\r\n");
-  EXPECT_EQ(pbx_.ReceiveOther(rsip_),
-            "100 6\r\nI: 12\r\n\r\nv=0\r\no=- 0 0 IN IP4 127.0.0.1\r\ns=-\r\n"
-            "c=IN IP4 127.0.0.1\r\nt=0 0\r\nm=audio 8000 RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\n");
-  EXPECT_EQ(pbx_.ReceiveOther(rsip_), "200 6 OK\r\n");
-
-  // A command for another endpoint is answered but not told; a CRCX still gets the SDP.
-  pbx_.Send(port_, "DLCX 7 d1@ffffffffffff MGCP 1.0\r\n");
-  EXPECT_EQ(pbx_.ReceiveOther(rsip_), "250 7\r\n");
-  pbx_.Send(port_, "CRCX 10 d1@ffffffffffff MGCP 1.0\r\nC: x\r\n");
-  EXPECT_EQ(pbx_.ReceiveOther(rsip_), "100 10\r\n");
-  EXPECT_EQ(pbx_.ReceiveOther(rsip_),
-            "200 10 OK\r\nI: 12\r\n\r\nv=0\r\no=- 0 0 IN IP4 127.0.0.1\r\ns=-\r\n"
-            "c=IN IP4 127.0.0.1\r\nt=0 0\r\nm=audio 8000 RTP/AVP 0\r\na=rtpmap:0 PCMU/8000\r\n");
-  pbx_.Send(port_, "DLCX 8 " + kEp + " MGCP 1.0\r\nC: A3C47F21\r\nI: 12\r\n");
-  EXPECT_EQ(pbx_.ReceiveOther(rsip_), "250 8\r\n");
-  events = parent_.events();
-  ASSERT_EQ(events.size(), 3u);
   EXPECT_EQ(events[1].event, MGCP_EVENT_MDCX);
   EXPECT_EQ(events[1].media.connection_mode, MGCP_MODE_SENDRECV);
-  EXPECT_EQ(events[2].event, MGCP_EVENT_DLCX);
-
-  // An audit counts as a response: no answer at all, and the next command is answered next.
-  pbx_.Send(port_, "AUEP 3 " + kEp + " MGCP 1.0\r\n");
-  pbx_.Send(port_, "");  // a punch: no message
-  pbx_.Send(port_, "RQNT 9 " + kEp + " MGCP 1.0\r\nS: X-P/ks(0201,gon),X-P/ring(010203)\r\n");
-  EXPECT_EQ(pbx_.ReceiveOther(rsip_), "200 9 OK\r\n");
-  events = parent_.events();
-  ASSERT_EQ(events.size(), 5u);
-  EXPECT_EQ(events[3].event, MGCP_EVENT_RQNT);
-  EXPECT_EQ(std::string(events[3].signal.data(), 2), "ks");
-  EXPECT_EQ(std::string(events[4].signal.data()), "mgcp_tone");
-  EXPECT_TRUE(events[4].media.ringer_active);
-  EXPECT_TRUE(mgcp_.IsRingerActive());
+  EXPECT_EQ(events[2].event, MGCP_EVENT_RQNT);
+  EXPECT_EQ(std::string(events[2].signal.data(), 2), "ks");
+  EXPECT_EQ(std::string(events[3].signal.data()), "mgcp_tone");
+  EXPECT_TRUE(events[3].media.ringer_active);
+  EXPECT_EQ(events[4].event, MGCP_EVENT_DLCX);
 }
 
-TEST_F(MgcpModuleTest, NotifyIsResentUntilAnswered) {
-  StartAndRegister();
+TEST_F(MgcpModuleTest, NotifyIsResentUntilAnsweredAndResponsesAreNot) {
+  Start();
   mgcp_.PostEvent(MGCP_EVENT_SEND_NTFY, "0200");
-  const std::string ntfy = "NTFY 2 " + kEp + " MGCP 1.0\r\nX: 1\r\nO: X-P/fk0200\r\nK: 1\r\n";
+  const std::string ntfy = "NTFY 2" + kHead + "X: 1\r\nO: X-P/fk0200\r\nK: 1\r\n";
   EXPECT_EQ(pbx_.Receive(), ntfy);
-  EXPECT_EQ(mgcp_.PendingCount(), 1);
   EXPECT_EQ(pbx_.Receive(), ntfy);  // the resend
   pbx_.Send(port_, "200 2 OK\r\n");
   EXPECT_TRUE(Eventually([&] { return mgcp_.PendingCount() == 0; }));
-  // Responses from the call processor are sent once and never held.
   mgcp_.PostEvent(MGCP_EVENT_SEND_RESPONSE, "400");
-  EXPECT_EQ(pbx_.ReceiveOther(ntfy), "400 1\r\n");
+  EXPECT_EQ(pbx_.Receive(ntfy), "400 1\r\n");
   EXPECT_EQ(mgcp_.PendingCount(), 0);
   mgcp_.PostEvent(MGCP_EVENT_SEND_DLCX, nullptr);
-  EXPECT_EQ(pbx_.ReceiveOther(ntfy), "DLCX 1 " + kEp + " MGCP 1.0\r\nC: \r\nI: 0\r\n");
+  EXPECT_EQ(pbx_.Receive(ntfy), "DLCX 1" + kHead + "C: \r\nI: 0\r\n");
   EXPECT_EQ(mgcp_.SendPunch(), 0);
-  EXPECT_EQ(pbx_.ReceiveOther(ntfy), "");
+  EXPECT_EQ(pbx_.Receive(ntfy), "");
 }
 
 TEST_F(MgcpModuleTest, LifeCycle) {
-  // Without a parent the start fails and leaves nothing running.
   mgcp_.SetParent(nullptr);
-  EXPECT_EQ(mgcp_.Start(), 1);
+  EXPECT_EQ(mgcp_.Start(), 1);  // no parent: nothing runs
   mgcp_.SetParent(&parent_);
-  // A null pointer keeps the data registered before.
-  EXPECT_EQ(mgcp_.SetNetworkInitData(nullptr), 0);
-
-  StartAndRegister();
+  EXPECT_EQ(mgcp_.SetNetworkInitData(nullptr), 0);  // keeps the data registered before
+  Start();
   EXPECT_EQ(mgcp_.Start(), 1);  // already running
   EXPECT_EQ(mgcp_.Shutdown(), 0);
   EXPECT_EQ(mgcp_.LocalPort(), 0);
   EXPECT_EQ(mgcp_.Shutdown(), 0);
   EXPECT_EQ(mgcp_.PostEvent(MGCP_EVENT_SEND_NTFY, "0200"), 0);  // nothing to send on
-  // A start after a shutdown builds everything again: the counters restart at 1.
-  StartAndRegister();
+  Start();  // everything is built again: the counters restart at 1
 }
 
-TEST(MgcpModuleStandaloneTest, TakenPortStillStartsAndNothingIsSent) {
+TEST(MgcpModuleStandaloneTest, TakenPortOrNoNetworkDataStillStarts) {
   FakePbx pbx;
   platform::UdpSocket taken;
   ASSERT_TRUE(taken.Open({0, 0}));
-  const std::uint16_t port = taken.LocalEndpoint()->port;
   NetworkInitData data = LoopbackData();
   CMgcp mgcp;
   FakeParent parent(mgcp);
   mgcp.SetParent(&parent);
-  mgcp.SetPorts(port, pbx.port());
+  mgcp.SetPorts(taken.LocalEndpoint()->port, pbx.port());
   EXPECT_EQ(mgcp.SetNetworkInitData(&data), 0);
   EXPECT_EQ(mgcp.Start(), 0);
   mgcp.PostEvent(MGCP_EVENT_SEND_RSIP, nullptr);
-  EXPECT_EQ(pbx.Receive(300), std::nullopt);
+  EXPECT_EQ(pbx.Receive({}, 300), std::nullopt);
   EXPECT_FALSE(mgcp.IsRsipAcknowledged());
   EXPECT_EQ(mgcp.SendPunch(), 1);
   EXPECT_EQ(mgcp.Shutdown(), 0);
-}
 
-TEST(MgcpModuleStandaloneTest, NoNetworkDataIsRefusedButStillStarts) {
-  CMgcp mgcp;
-  FakeParent parent(mgcp);
-  mgcp.SetParent(&parent);
-  EXPECT_EQ(mgcp.SetNetworkInitData(nullptr), 1);
-  mgcp.SetPorts(0, 9);
-  EXPECT_EQ(mgcp.Start(), 0);
-  EXPECT_EQ(mgcp.MediaState().remote_connection, "");
-  EXPECT_EQ(mgcp.Shutdown(), 0);
+  CMgcp bare;
+  FakeParent bare_parent(bare);
+  bare.SetParent(&bare_parent);
+  EXPECT_EQ(bare.SetNetworkInitData(nullptr), 1);
+  bare.SetPorts(0, 9);
+  EXPECT_EQ(bare.Start(), 0);
+  EXPECT_EQ(bare.MediaState().remote_connection, "");
+  EXPECT_EQ(bare.Shutdown(), 0);
 }
 
 }  // namespace

@@ -60,11 +60,22 @@ TerminalStart ReadStart(const PtapDatagram& start) {
   return info;
 }
 
+std::unique_ptr<MgcpAgent> MakeAgent(const PbxOptions& options) {
+  if (!options.mgcp) return nullptr;
+  MgcpAgentOptions agent = *options.mgcp;
+  if (!agent.clock) agent.clock = options.clock;
+  if (!agent.print) agent.print = options.print;
+  if (agent.record_limit == 0) agent.record_limit = options.record_limit;
+  if (agent.seed == 0) agent.seed = options.seed;
+  return std::make_unique<MgcpAgent>(std::move(agent));
+}
+
 }  // namespace
 
 PbxSimulator::PbxSimulator(PbxOptions options)
     : options_(std::move(options)),
       clock_(options_.clock ? *options_.clock : platform::RealClock()),
+      agent_(MakeAgent(options_)),
       scheduler_(clock_),
       rules_(options_.seed) {}
 
@@ -81,9 +92,21 @@ bool PbxSimulator::Start() {
   }
   {
     std::lock_guard lock(mutex_);
+    if (!origin_ns_) origin_ns_ = clock_.SteadyNs();
+  }
+  if (agent_) {
+    agent_->SetOrigin(origin_ns());
+    if (!agent_->Start()) {
+      scheduler_.Stop();
+      socket_.Close();
+      return false;
+    }
+  }
+  {
+    std::lock_guard lock(mutex_);
     running_ = true;
     bound_ = *local;
-    if (!origin_ns_) origin_ns_ = clock_.SteadyNs();
+    agent_port_ = agent_ ? agent_->port() : 0;
   }
   if (receive_thread_.Create("pbxsim-ptap",
                              [this](platform::ThreadId self) { ReceiveLoop(self); }) == 0) {
@@ -91,7 +114,9 @@ bool PbxSimulator::Start() {
       std::lock_guard lock(mutex_);
       running_ = false;
       bound_ = {};
+      agent_port_ = 0;
     }
+    if (agent_) agent_->Stop();
     scheduler_.Stop();
     socket_.Close();
     return false;
@@ -114,8 +139,10 @@ void PbxSimulator::Stop() {
   receive_thread_.Join();
   scheduler_.Stop();
   socket_.Close();
+  if (agent_) agent_->Stop();
   std::lock_guard lock(mutex_);
   bound_ = {};
+  agent_port_ = 0;
 }
 
 bool PbxSimulator::running() const {
@@ -259,6 +286,7 @@ void PbxSimulator::ClearRecords() {
   records_.clear();
   terminal_acks_.clear();
   last_start_.reset();
+  if (agent_) agent_->ClearRecords();
 }
 
 std::int64_t PbxSimulator::origin_ns() const {
@@ -363,6 +391,11 @@ void PbxSimulator::AnswerStartLocked(const PtapDatagram& start) {
   last_start_ = ReadStart(start);
   const StartAnswer& answer = answers_.start;
   if (!answer.answer) return;
+  // Until the terminal's RSIP shows where it really listens, the agent sends where the
+  // answer tells the terminal to listen.
+  if (agent_ && terminal_ && answer.mgcp_terminal_port && *answer.mgcp_terminal_port != 0) {
+    agent_->SuggestTerminal({terminal_->ip, *answer.mgcp_terminal_port});
+  }
   const bool extended = last_start_->extended;
   EmitLocked(EncodePtap(start.tid, kTypeAck, StartAnswerElementsLocked(extended)));
   if (answer.extended_request == ExtendedRequest::kAlways ||
@@ -377,7 +410,10 @@ std::vector<WireElement> PbxSimulator::StartAnswerElementsLocked(bool terminal_e
   if (a.with_parameters) {
     if (a.keepalive_timeout_s)
       e.push_back(ByteElement(kTagKeepaliveTimeout, *a.keepalive_timeout_s));
-    if (a.mgcp_pbx_port) e.push_back(U16Element(kTagMgcpPbxPort, *a.mgcp_pbx_port));
+    if (a.mgcp_pbx_port) {
+      const bool agent_port = agent_port_ != 0 && a.mgcp_pbx_port_from_agent;
+      e.push_back(U16Element(kTagMgcpPbxPort, agent_port ? agent_port_ : *a.mgcp_pbx_port));
+    }
     if (a.mgcp_terminal_port) e.push_back(U16Element(kTagMgcpTerminalPort, *a.mgcp_terminal_port));
     if (const std::optional<HostParameters>& h = a.host_parameters) {
       e.push_back(U16Element(kTagParam0F, h->param_0f));

@@ -1,7 +1,9 @@
 // The PBX on the far side of PTAP, for integration tests and the demo: a server socket on
 // loopback that answers START and OP_BEGIN as configured, acknowledges the terminal's
 // packets, sends keepalives, events and restarts on command, bends the network by rule, and
-// records every datagram both ways.
+// records every datagram both ways. With PbxOptions::mgcp set it also runs an MGCP call agent
+// (mgcp_agent.h) on a socket of its own, started and stopped with the PTAP side, whose port
+// the START answer delivers.
 //
 // Thread rules: every public operation may be called from any thread. One receive thread
 // handles what arrives; one scheduler thread runs delayed datagrams and periodic keepalives.
@@ -15,6 +17,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -24,6 +27,7 @@
 #include "platform/clock.h"
 #include "platform/thread.h"
 #include "platform/udp_socket.h"
+#include "tools/pbxsim/mgcp_agent.h"
 #include "tools/pbxsim/net_rules.h"
 #include "tools/pbxsim/ptap_wire.h"
 #include "tools/pbxsim/record.h"
@@ -72,6 +76,9 @@ struct StartAnswer {
   bool with_parameters = true;
   std::optional<std::uint8_t> keepalive_timeout_s = 30;    // 0x1A
   std::optional<std::uint16_t> mgcp_pbx_port = 2727;       // 0x10
+  // With a call agent running, 0x10 carries the agent's bound port instead of the number
+  // above (unless that is nullopt, which leaves the element out).
+  bool mgcp_pbx_port_from_agent = true;
   std::optional<std::uint16_t> mgcp_terminal_port = 2427;  // 0x11
   std::optional<HostParameters> host_parameters = HostParameters{};
   std::optional<std::uint8_t> ptap_punch_s;  // 0xA1
@@ -119,6 +126,9 @@ struct PbxOptions {
   std::size_t record_limit = 0;      // 0 keeps every record; else the oldest go first
   // When set, one readable line per recorded datagram (see FormatRecord).
   std::function<void(std::string_view line)> print;
+  // When set, an MGCP call agent runs beside PTAP. Its clock, print sink, record limit and
+  // seed default to the ones above where left unset (null, empty or 0).
+  std::optional<MgcpAgentOptions> mgcp;
 };
 
 class PbxSimulator {
@@ -128,16 +138,19 @@ class PbxSimulator {
   PbxSimulator(const PbxSimulator&) = delete;
   PbxSimulator& operator=(const PbxSimulator&) = delete;
 
-  // Binds the socket and starts the threads. False if the port is taken, the threads cannot
-  // be made, or it is already running (then nothing changes).
+  // Binds the socket (and the call agent's) and starts the threads. False if a port is
+  // taken, the threads cannot be made, or it is already running (then nothing changes).
   bool Start();
-  // Ends and joins the threads and closes the socket. Delayed datagrams not yet due are
-  // dropped; the records stay. Safe to repeat; Start may follow.
+  // Ends and joins the threads and closes the socket; the same for the call agent. Delayed
+  // datagrams not yet due are dropped; the records stay. Safe to repeat; Start may follow.
   void Stop();
   bool running() const;
   // The bound address; port 0 while stopped.
   platform::UdpEndpoint endpoint() const;
   std::uint16_t port() const { return endpoint().port; }
+  // The MGCP call agent, or null when PbxOptions::mgcp was not set. It lives as long as the
+  // simulator; its own operations are thread-safe.
+  MgcpAgent* mgcp() const { return agent_.get(); }
 
   // --- behaviour ---
   void SetAnswers(const PtapAnswers& answers);
@@ -177,6 +190,7 @@ class PbxSimulator {
   std::vector<std::uint32_t> TerminalAcks() const;
   bool Acknowledged(std::uint32_t tid) const;
   std::optional<TerminalStart> LastStart() const;
+  // Clears the PTAP records, and the call agent's (MgcpAgent::ClearRecords) if there is one.
   void ClearRecords();
   // The steady time that record times in printed lines count from (the first Start).
   std::int64_t origin_ns() const;
@@ -207,6 +221,8 @@ class PbxSimulator {
 
   const PbxOptions options_;
   platform::Clock& clock_;
+  // Locked after mutex_ where both are held, never before: the agent never calls back here.
+  const std::unique_ptr<MgcpAgent> agent_;
   Scheduler scheduler_;
   platform::UdpSocket socket_;
   platform::Thread receive_thread_;
@@ -217,6 +233,7 @@ class PbxSimulator {
   std::uint64_t changes_ = 0;  // bumped with every record, so waiters know to look again
   bool running_ = false;
   platform::UdpEndpoint bound_;
+  std::uint16_t agent_port_ = 0;  // the call agent's bound port while running
   PtapAnswers answers_;
   NetRules rules_;
   std::optional<platform::UdpEndpoint> terminal_;

@@ -18,34 +18,77 @@ void AppendHex(std::string& out, std::span<const std::byte> bytes, std::size_t l
   if (shown < bytes.size()) out += " ..";
 }
 
-}  // namespace
-
-const char* FateName(Fate fate) {
-  switch (fate) {
-    case Fate::kPassed:
-      return "passed";
-    case Fate::kDropped:
-      return "dropped";
-    case Fate::kDelayed:
-      return "delayed";
-    case Fate::kDuplicate:
-      return "duplicate";
-    case Fate::kSendFailed:
-      return "send failed";
+// Printable ASCII as it is, line ends as \r and \n, anything else as \xNN; at most `limit`
+// bytes of the input, " .." when cut.
+void AppendEscaped(std::string& out, std::span<const std::byte> bytes, std::size_t limit) {
+  char hex[8];
+  const std::size_t shown = bytes.size() < limit ? bytes.size() : limit;
+  for (std::size_t i = 0; i < shown; ++i) {
+    const auto c = static_cast<unsigned char>(bytes[i]);
+    if (c == '\r') {
+      out += "\\r";
+    } else if (c == '\n') {
+      out += "\\n";
+    } else if (c >= 0x20 && c < 0x7F) {
+      out += static_cast<char>(c);
+    } else {
+      std::snprintf(hex, sizeof(hex), "\\x%02X", static_cast<unsigned>(c));
+      out += hex;
+    }
   }
-  return "unknown";
+  if (shown < bytes.size()) out += " ..";
 }
 
-std::string FormatRecord(const Record& record, std::int64_t origin_ns) {
-  std::string line;
-  char text[96];
-  const std::int64_t since_ms =
-      record.steady_ns > origin_ns ? (record.steady_ns - origin_ns) / 1'000'000 : 0;
-  std::snprintf(text, sizeof(text), "%4lld.%03lld %s ", static_cast<long long>(since_ms / 1000),
-                static_cast<long long>(since_ms % 1000),
-                record.direction == Direction::kIn ? "TRM->PBX" : "PBX->TRM");
+void AppendPeer(std::string& line, const platform::UdpEndpoint& peer) {
+  char address[16];
+  char text[32];
+  platform::FormatIpv4(peer.ip, address);
+  std::snprintf(text, sizeof(text), " %s:%u", address, static_cast<unsigned>(peer.port));
   line += text;
+}
 
+void AppendMgcp(std::string& line, const Record& record) {
+  const MgcpMessage& m = record.mgcp;
+  line += "MGCP ";
+  if (m.status == MgcpStatus::kEmpty) {
+    line += "(empty datagram)";
+    AppendPeer(line, record.peer);
+    return;
+  }
+  if (!m.ok()) {
+    line += "?";
+    AppendPeer(line, record.peer);
+    char text[64];
+    std::snprintf(text, sizeof(text), " MALFORMED (%s, %zu bytes): ", MgcpStatusName(m.status),
+                  record.raw.size());
+    line += text;
+    AppendEscaped(line, record.raw, 64);
+    return;
+  }
+  const std::string_view raw = AsText(record.raw);
+  std::string_view first = raw.substr(0, raw.find_first_of("\r\n"));
+  line += first;
+  AppendPeer(line, record.peer);
+  for (const MgcpHeader& header : m.headers) {
+    line += " | ";
+    line += header.name;
+    line += ": ";
+    line += header.value;
+  }
+  if (m.sdp) {
+    line += " | sdp";
+    for (const std::string& sdp_line : m.sdp->lines) {
+      if (sdp_line.empty() || (sdp_line[0] != 'c' && sdp_line[0] != 'm' && sdp_line[0] != 'a')) {
+        continue;
+      }
+      line += ' ';
+      line += sdp_line;
+    }
+  }
+}
+
+void AppendPtap(std::string& line, const Record& record) {
+  char text[96];
   const PtapDatagram& d = record.decoded;
   if (d.has_header) {
     std::snprintf(text, sizeof(text), "%s tid=%u", TypeName(d.type).c_str(),
@@ -75,6 +118,41 @@ std::string FormatRecord(const Record& record, std::int64_t origin_ns) {
                   record.raw.size());
     line += text;
     AppendHex(line, record.raw, 16);
+  }
+}
+
+}  // namespace
+
+const char* FateName(Fate fate) {
+  switch (fate) {
+    case Fate::kPassed:
+      return "passed";
+    case Fate::kDropped:
+      return "dropped";
+    case Fate::kDelayed:
+      return "delayed";
+    case Fate::kDuplicate:
+      return "duplicate";
+    case Fate::kSendFailed:
+      return "send failed";
+  }
+  return "unknown";
+}
+
+std::string FormatRecord(const Record& record, std::int64_t origin_ns) {
+  std::string line;
+  char text[96];
+  const std::int64_t since_ms =
+      record.steady_ns > origin_ns ? (record.steady_ns - origin_ns) / 1'000'000 : 0;
+  std::snprintf(text, sizeof(text), "%4lld.%03lld %s ", static_cast<long long>(since_ms / 1000),
+                static_cast<long long>(since_ms % 1000),
+                record.direction == Direction::kIn ? "TRM->PBX" : "PBX->TRM");
+  line += text;
+
+  if (record.channel == Channel::kMgcp) {
+    AppendMgcp(line, record);
+  } else {
+    AppendPtap(line, record);
   }
   if (record.fate != Fate::kPassed) {
     line += " {";

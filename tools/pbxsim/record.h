@@ -6,13 +6,14 @@
 #include <vector>
 
 #include "platform/udp_socket.h"
+#include "tools/pbxsim/mgcp_wire.h"
 #include "tools/pbxsim/net_rules.h"
 #include "tools/pbxsim/ptap_wire.h"
 
 namespace deskline::sim {
 
-// Which of the PBX's conversations a datagram belongs to; MGCP and RTP will join PTAP.
-enum class Channel { kPtap };
+// Which of the PBX's conversations a datagram belongs to; RTP will join them.
+enum class Channel { kPtap, kMgcp };
 
 // What the simulated network did with this copy.
 enum class Fate {
@@ -36,12 +37,15 @@ struct Record {
   int delay_ms = 0;
   platform::UdpEndpoint peer;  // sender (in) or destination (out)
   std::vector<std::byte> raw;
-  PtapDatagram decoded;
+  PtapDatagram decoded;  // kPtap only
+  MgcpMessage mgcp;      // kMgcp only
 };
 
 // "  1.250 TRM->PBX START tid=1 127.0.0.1:40000 [20]=00 [01]=(49 bytes) 01 04 00 06 .. END"
 // followed by the fate unless it passed, and the fault of a malformed datagram. Time is in
-// seconds since `origin_ns`.
+// seconds since `origin_ns`. An MGCP datagram shows its first line, its header lines and a
+// digest of its SDP, each behind " | ":
+// "  1.300 TRM->PBX MGCP NTFY 2 d1@0200aabbccdd MGCP 1.0 127.0.0.1:2427 | X: 1 | O: X-P/fk0200"
 std::string FormatRecord(const Record& record, std::int64_t origin_ns);
 
 }  // namespace deskline::sim

@@ -97,6 +97,15 @@ TEST_F(MgcpCall, RegistersRingsAnswersConnectsHoldsAndReleases) {
   EXPECT_EQ(ntfys[0].mgcp.tid, 2u);
   EXPECT_EQ(*ntfys[0].mgcp.Header("K"), "1");
 
+  // A dial string leaves one key per polling period, in order, each in an NTFY of its own.
+  ASSERT_EQ(make_call("1*2"), 0);
+  ASSERT_TRUE(agent.WaitForEvent("X-P/fk0732", 2s));
+  std::vector<std::string> keys;
+  for (const std::string& event : agent.ObservedEvents()) {
+    if (event != "X-P/fk0200") keys.push_back(event);
+  }
+  EXPECT_EQ(keys, (std::vector<std::string>{"X-P/fk0731", "X-P/fk072a", "X-P/fk0732"}));
+
   // Connect on G.729: the media path is pointed at the offer, the answer carries SDP.
   const std::uint32_t crcx = agent.SendCrcx(sim::MediaOffer{0x7F000001, 40002, {18}, 1});
   ASSERT_TRUE(agent.WaitForFinal(crcx, 2s));

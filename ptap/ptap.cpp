@@ -312,6 +312,7 @@ void CPtap::SetErrorCode(const int* code) {
 int CPtap::GetParameter(std::uint32_t selector) { return parameters_.GetParameter(selector); }
 
 int CPtap::GetParameterContainer(PtapParameterContainer* out) const {
+  std::lock_guard packet_lock(packet_lock_);
   return parameters_.CopyContainer(out);
 }
 
@@ -354,6 +355,7 @@ int CPtap::ProcessDatagram(const std::uint8_t* data, std::size_t length) {
   }
 
   // Fixed order: type handling, element handler, then the loader while the delivery is open.
+  std::lock_guard packet_lock(packet_lock_);
   HandleType(*packet);
   HandleElements(*packet);
   if (!parameters_.parameters_complete()) LoadParameters(*packet);

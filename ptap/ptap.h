@@ -151,6 +151,10 @@ class CPtap final : public IPtap {
 
   std::atomic<PtapParent*> parent_{nullptr};
   std::mutex observers_lock_;
+  // Held while one received packet goes through type handling, element handler and loader, so
+  // that a copy of the container never sees a delivery half loaded: the START answer releases
+  // the call processor before the loader has run.
+  mutable std::mutex packet_lock_;
   std::vector<PtapObserver*> observers_;
 
   std::mutex module_lock_;  // Start and Shutdown

@@ -13,40 +13,11 @@
 #include <random>
 #include <span>
 
+#include "bench/alloc_counter.h"
 #include "voice/buffer.h"
 #include "voice/g711.h"
 #include "voice/plc.h"
 
-// ---- Allocation counting: every global operator new of this program goes through here -----
-
-namespace {
-std::atomic<std::uint64_t> g_allocations{0};
-
-void* CountedAllocate(std::size_t size) {
-  g_allocations.fetch_add(1, std::memory_order_relaxed);
-  return std::malloc(size == 0 ? 1 : size);
-}
-
-// Out of line, so that the compiler does not pair an inlined free with a new expression.
-[[gnu::noinline]] void CountedFree(void* p) noexcept { std::free(p); }
-}  // namespace
-
-void* operator new(std::size_t size) {
-  void* p = CountedAllocate(size);
-  if (p == nullptr) throw std::bad_alloc();
-  return p;
-}
-void* operator new[](std::size_t size) { return operator new(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return CountedAllocate(size); }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  return CountedAllocate(size);
-}
-void operator delete(void* p) noexcept { CountedFree(p); }
-void operator delete[](void* p) noexcept { CountedFree(p); }
-void operator delete(void* p, std::size_t) noexcept { CountedFree(p); }
-void operator delete[](void* p, std::size_t) noexcept { CountedFree(p); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { CountedFree(p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { CountedFree(p); }
 
 namespace {
 
@@ -324,13 +295,13 @@ void BM_SteadyStateAllocations(benchmark::State& state) {
     }
   };
   for (int i = 0; i < 20000; ++i) one_frame();  // through the first wrap-free warm-up
-  const std::uint64_t before = g_allocations.load();
+  const std::uint64_t before = deskline::bench::Allocations();
   std::uint64_t frames = 0;
   for (auto _ : state) {
     one_frame();
     ++frames;
   }
-  const std::uint64_t allocations = g_allocations.load() - before;
+  const std::uint64_t allocations = deskline::bench::Allocations() - before;
   state.counters["allocs_per_frame"] =
       frames ? static_cast<double>(allocations) / static_cast<double>(frames) : 0.0;
   state.counters["frame_storage"] = static_cast<double>(buffer->GetFrameCapacity());

@@ -15,35 +15,10 @@
 #include <vector>
 
 #include "platform/udp_socket.h"
+#include "bench/alloc_counter.h"
 #include "voice/g711.h"
 #include "voice/wave.h"
 
-namespace {
-std::atomic<std::uint64_t> g_allocations{0};
-
-void* CountedAllocate(std::size_t size) {
-  g_allocations.fetch_add(1, std::memory_order_relaxed);
-  return std::malloc(size == 0 ? 1 : size);
-}
-[[gnu::noinline]] void CountedFree(void* p) noexcept { std::free(p); }
-}  // namespace
-
-void* operator new(std::size_t size) {
-  void* p = CountedAllocate(size);
-  if (p == nullptr) throw std::bad_alloc();
-  return p;
-}
-void* operator new[](std::size_t size) { return operator new(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return CountedAllocate(size); }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  return CountedAllocate(size);
-}
-void operator delete(void* p) noexcept { CountedFree(p); }
-void operator delete[](void* p) noexcept { CountedFree(p); }
-void operator delete(void* p, std::size_t) noexcept { CountedFree(p); }
-void operator delete[](void* p, std::size_t) noexcept { CountedFree(p); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { CountedFree(p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { CountedFree(p); }
 
 namespace {
 
@@ -79,12 +54,12 @@ void BM_SendVoiceFrame(benchmark::State& state) {
   wave.SetPayloadType(static_cast<std::uint32_t>(state.range(0)));
   const auto frame = ToneFrame();
   for (int i = 0; i < 50; ++i) wave.SendVoiceFrame(frame.data(), 320);
-  const std::uint64_t before = g_allocations.load();
+  const std::uint64_t before = deskline::bench::Allocations();
   for (auto _ : state) {
     wave.SendVoiceFrame(frame.data(), 320);
   }
   state.counters["allocs/frame"] = benchmark::Counter(
-      double(g_allocations.load() - before) / double(state.iterations()));
+      double(deskline::bench::Allocations() - before) / double(state.iterations()));
 }
 BENCHMARK(BM_SendVoiceFrame)->Arg(0)->Arg(8)->Arg(9)->Arg(18)->ArgName("pt");
 
@@ -124,10 +99,10 @@ void BM_ReceivePath(benchmark::State& state) {
     benchmark::DoNotOptimize(wave.ReceiveVoice(0, pcm, &status));
   };
   for (int i = 0; i < 200; ++i) one_frame();
-  const std::uint64_t before = g_allocations.load();
+  const std::uint64_t before = deskline::bench::Allocations();
   for (auto _ : state) one_frame();
   state.counters["allocs/frame"] = benchmark::Counter(
-      double(g_allocations.load() - before) / double(state.iterations()));
+      double(deskline::bench::Allocations() - before) / double(state.iterations()));
 }
 BENCHMARK(BM_ReceivePath)->Arg(0)->Arg(8)->Arg(9)->Arg(18)->ArgName("pt")->UseRealTime();
 

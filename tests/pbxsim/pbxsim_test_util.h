@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstddef>
 #include <functional>
 #include <optional>
 #include <string>
@@ -24,55 +23,52 @@ inline Bytes Hex(std::string_view text) {
   Bytes out;
   int high = -1;
   for (char c : text) {
-    int nibble = -1;
-    if (c >= '0' && c <= '9') nibble = c - '0';
-    if (c >= 'A' && c <= 'F') nibble = c - 'A' + 10;
-    if (c >= 'a' && c <= 'f') nibble = c - 'a' + 10;
-    if (nibble < 0) continue;
+    const int n = c >= '0' && c <= '9' ? c - '0' : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+    if (n < 0) continue;
     if (high < 0) {
-      high = nibble;
+      high = n;
     } else {
-      out.push_back(static_cast<std::byte>(high << 4 | nibble));
+      out.push_back(static_cast<std::byte>(high << 4 | n));
       high = -1;
     }
   }
   return out;
 }
 
-inline Bytes Cat(std::initializer_list<Bytes> parts) {
+inline Bytes Text(std::string_view text) {
   Bytes out;
-  for (const Bytes& part : parts) out.insert(out.end(), part.begin(), part.end());
+  for (char c : text) out.push_back(static_cast<std::byte>(c));
   return out;
 }
 
-// The terminal's capability descriptors, as the protocol fixes them.
-inline const char* const kBasicDescriptor =
-    "01 04 00 06 18 00 02 02 18 04 03 FE DF E0 02 04 04 01 21 01 22 01 23 02 24 04 02 25 04"
-    " 02 26 0C 02 27 05 01 28 01 29 04 30 C8 00 00 04 86 40 00 00";
-inline const char* const kExtendedDescriptor =
-    "03 04 00 06 18 00 02 02 0C 04 03 FE DF E2 02 04 04 04 05 0C 0C 00 03 07 30 04 04 08 CF"
-    " 00 00 01 21 01 23 02 24 04 02 25 04 02 26 0C 02 27 05 01 28 01 29 04 30 C8 00 00 02 31"
-    " 04 04 42 00 00 00 02 50 01 04 81 01 00 00 01 82 01 83 01 84 04 86 40 00 00";
+// A PTAP datagram: magic, the tid, the type and the elements in hex.
+inline Bytes Ptap(std::string_view tid, std::string_view type_and_elements) {
+  return Hex("50 54 41 50 " + std::string(tid) + " " + std::string(type_and_elements));
+}
 
-// A START as the terminal sends it: start code 05, identity "TERMINAL0001", MAC
-// 02 00 00 AA BB CC, IP 127.0.0.1. Tid 1 unless told otherwise.
+// A START as the terminal sends it, with the capability descriptor the protocol fixes for each
+// mode: start code 05, identity "TERMINAL0001", MAC 02 00 00 AA BB CC, IP 127.0.0.1.
 inline Bytes StartDatagram(bool extended, std::string_view tid = "00 00 00 01") {
-  return Cat({Hex("50 54 41 50"), Hex(tid), Hex("04"), Hex("20 00 01 05"),
-              extended ? Hex("01 00 53") : Hex("01 00 31"),
-              Hex(extended ? kExtendedDescriptor : kBasicDescriptor),
-              extended ? Hex("02 00 02 03 12") : Hex("02 00 02 01 01"),
-              Hex("05 00 0C 54 45 52 4D 49 4E 41 4C 30 30 30 31"),
-              Hex("07 00 06 02 00 00 AA BB CC"), Hex("06 00 04 7F 00 00 01"), Hex("FF")});
+  const char* basic =
+      "01 00 31 01 04 00 06 18 00 02 02 18 04 03 FE DF E0 02 04 04 01 21 01 22 01 23 02 24 04 02"
+      " 25 04 02 26 0C 02 27 05 01 28 01 29 04 30 C8 00 00 04 86 40 00 00  02 00 02 01 01";
+  const char* ext =
+      "01 00 53 03 04 00 06 18 00 02 02 0C 04 03 FE DF E2 02 04 04 04 05 0C 0C 00 03 07 30 04 04"
+      " 08 CF 00 00 01 21 01 23 02 24 04 02 25 04 02 26 0C 02 27 05 01 28 01 29 04 30 C8 00 00 02"
+      " 31 04 04 42 00 00 00 02 50 01 04 81 01 00 00 01 82 01 83 01 84 04 86 40 00 00"
+      "  02 00 02 03 12";
+  return Ptap(tid, "04 20 00 01 05 " + std::string(extended ? ext : basic) +
+                       " 05 00 0C 54 45 52 4D 49 4E 41 4C 30 30 30 31"
+                       " 07 00 06 02 00 00 AA BB CC 06 00 04 7F 00 00 01 FF");
 }
 
-// The terminal's ACK of a PBX packet: result 0 and its MAC.
+// The terminal's ACK (result 0, its MAC), and an Error report with code 7: a plain packet that
+// any PBX must acknowledge.
 inline Bytes TerminalAck(std::string_view tid) {
-  return Cat({Hex("50 54 41 50"), Hex(tid), Hex("00 20 00 01 00 07 00 06 02 00 00 AA BB CC FF")});
+  return Ptap(tid, "00 20 00 01 00 07 00 06 02 00 00 AA BB CC FF");
 }
-
-// An Error report with code 7: a plain packet that any PBX must acknowledge.
 inline Bytes ErrorReport(std::string_view tid) {
-  return Cat({Hex("50 54 41 50"), Hex(tid), Hex("14 20 00 01 07 07 00 06 02 00 00 AA BB CC FF")});
+  return Ptap(tid, "14 20 00 01 07 07 00 06 02 00 00 AA BB CC FF");
 }
 
 class RawTerminal {
@@ -82,10 +78,10 @@ class RawTerminal {
     endpoint_ = socket_.LocalEndpoint().value_or(platform::UdpEndpoint{});
   }
   platform::UdpEndpoint endpoint() const { return endpoint_; }
-
   void Send(const Bytes& datagram, platform::UdpEndpoint to) {
     EXPECT_TRUE(socket_.SendTo(datagram, to));
   }
+  void Send(std::string_view text, platform::UdpEndpoint to) { Send(Text(text), to); }
   // The next datagram, or nullopt after `timeout_ms` of real time.
   std::optional<Bytes> Receive(int timeout_ms = 5000) {
     Bytes buffer(65536);
@@ -94,6 +90,12 @@ class RawTerminal {
     if (!length || timed_out) return std::nullopt;
     buffer.resize(*length);
     return buffer;
+  }
+  // The next datagram as text, or "(nothing)".
+  std::string ReceiveText(int timeout_ms = 5000) {
+    const std::optional<Bytes> bytes = Receive(timeout_ms);
+    return bytes ? std::string(reinterpret_cast<const char*>(bytes->data()), bytes->size())
+                 : "(nothing)";
   }
 
  private:

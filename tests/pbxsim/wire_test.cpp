@@ -1,0 +1,130 @@
+// The simulator's own PTAP and MGCP readers and writers against bytes and texts spelt out from
+// the protocols' figures.
+#include <gtest/gtest.h>
+
+#include "pbxsim_test_util.h"
+#include "tools/pbxsim/mgcp_wire.h"
+#include "tools/pbxsim/ptap_wire.h"
+
+namespace deskline::sim {
+namespace {
+
+using testing::Bytes;
+using testing::Hex;
+using testing::Text;
+
+// Short elements are checked byte for byte in the simulator's answers; here the long ones.
+TEST(PtapWire, LongValuesHaveBigEndianLengthsAndOversizedOnesAreRefused) {
+  EXPECT_EQ(EncodePtap(0xFFFFFFFF, kTypeKeepalive, {}), Hex("50 54 41 50 FF FF FF FF 10 FF"));
+  const WireElement big{0x77, Bytes(300, std::byte{0xAB})};
+  const Bytes raw = EncodePtap(9, 3, {&big, 1});
+  EXPECT_EQ(Bytes(raw.begin() + 9, raw.begin() + 12), Hex("77 01 2C"));
+  ASSERT_TRUE(DecodePtap(raw).ok());
+  EXPECT_EQ(DecodePtap(raw).elements.at(0), big);
+
+  WireElement limit{0x77, Bytes(kMaxElementValue)};
+  EXPECT_FALSE(EncodePtap(1, 0, {&limit, 1}).empty());
+  limit.value.push_back(std::byte{0});
+  EXPECT_TRUE(EncodePtap(1, 0, {&limit, 1}).empty());
+}
+
+TEST(PtapWire, EveryMalformedShapeIsAStatusAndNoReadGoesPastTheEnd) {
+  const struct {
+    const char* hex;
+    DecodeStatus status;
+    bool has_header;
+    std::size_t elements;
+  } cases[] = {
+      {"", DecodeStatus::kTooShort, false, 0},
+      {"50 54 41 50 00 00 00 01", DecodeStatus::kTooShort, false, 0},
+      {"50 54 41 50 00 00 00 01 04", DecodeStatus::kNoPayload, true, 0},
+      {"51 54 41 50 00 00 00 01 04 FF", DecodeStatus::kBadMagic, true, 0},
+      {"50 54 41 50 00 00 00 01 04 20", DecodeStatus::kTruncatedElement, true, 0},
+      {"50 54 41 50 00 00 00 01 04 20 00", DecodeStatus::kTruncatedElement, true, 0},
+      {"50 54 41 50 00 00 00 01 04 20 00 05 01 02", DecodeStatus::kElementPastEnd, true, 0},
+      {"50 54 41 50 00 00 00 01 04 20 00 01 00 21 FF FF 00", DecodeStatus::kElementPastEnd, true, 1},
+      {"50 54 41 50 00 00 00 01 04 20 00 01 00", DecodeStatus::kNoEndMark, true, 1},
+      {"50 54 41 50 00 00 00 01 04 FF 00", DecodeStatus::kTrailingBytes, true, 0},
+      {"50 54 41 50 01 00 00 00 10 FF", DecodeStatus::kOk, true, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.hex);
+    const Bytes raw = Hex(c.hex);  // exact size, so that the sanitizer sees any read beyond it
+    const PtapDatagram d = DecodePtap(raw);
+    EXPECT_EQ(d.status, c.status) << DecodeStatusName(d.status);
+    EXPECT_EQ(d.has_header, c.has_header);
+    EXPECT_EQ(d.elements.size(), c.elements);
+  }
+  EXPECT_EQ(DecodePtap(Hex("50 54 41 50 01 00 00 00 10 FF")).tid, 0x01000000u);
+  // Rules count by the type of whatever has a PTAP header.
+  EXPECT_EQ(PtapType(Hex("50 54 41 50 00 00 00 01 04")), std::optional<std::uint8_t>(4));
+  EXPECT_EQ(PtapType(Hex("58 54 41 50 00 00 00 01 04 FF")), std::nullopt);
+  EXPECT_EQ(PtapType(Hex("50 54 41 50 00 00 00 01")), std::nullopt);
+}
+
+// A broken SDP keeps its lines and names the fault; bad numbers are left out.
+TEST(MgcpDecode, SdpFaultsAreNamedAndBadNumbersLeftOut) {
+  const SdpInfo sdp = ParseSdp(
+      "v=x\r\nc=IN IP4 300.1.2.3\r\nm=audio 70000 RTP/AVP 0 abc 18\r\nbroken line\r\n"
+      "a=rtpmap:x PCMU/8000\r\na=rtpmap:18 G729/8000\r\nm=audio 5 RTP/AVP 8\r\n");
+  EXPECT_EQ(sdp.fault, "not a line of the form x=value: broken line");
+  EXPECT_FALSE(sdp.version.has_value());
+  EXPECT_FALSE(sdp.ip.has_value());
+  EXPECT_FALSE(sdp.port.has_value());
+  EXPECT_EQ(sdp.payload_types, (std::vector<int>{0, 18})) << "only the first m= line counts";
+  EXPECT_EQ(sdp.rtpmaps, (std::vector<RtpMap>{{18, "G729/8000"}}));
+  EXPECT_FALSE(DecodeMgcp(Text("250 3\r\n\r\n")).sdp.has_value()) << "an empty line alone";
+}
+
+TEST(MgcpDecode, MalformedTextsHaveAReasonAndNoRuleType) {
+  const struct {
+    std::string text;
+    MgcpStatus status;
+  } cases[] = {
+      {"", MgcpStatus::kEmpty},
+      {std::string("RSIP 1 d1@x MGCP 1.0\r\n\0", 23), MgcpStatus::kNotText},
+      {"NTFY 2 d1@x MGCP 1.0\r\nO: X-P/fk\x01\r\n", MgcpStatus::kNotText},
+      {"\r\n", MgcpStatus::kBadFirstLine},
+      {"RESTART 1 d1@x MGCP 1.0\r\n", MgcpStatus::kBadFirstLine},
+      {"RS-P 1 d1@x MGCP 1.0\r\n", MgcpStatus::kBadFirstLine},
+      {"RSIP 1 d1@x\r\n", MgcpStatus::kBadFirstLine},
+      {"RSIP 1 d1@x SIP 2.0\r\n", MgcpStatus::kBadFirstLine},
+      {"20 1\r\n", MgcpStatus::kBadFirstLine},
+      {"RSIP\r\n", MgcpStatus::kBadTid},
+      {"RSIP x1 d1@x MGCP 1.0\r\n", MgcpStatus::kBadTid},
+      {"RSIP 0 d1@x MGCP 1.0\r\n", MgcpStatus::kBadTid},
+      {"RSIP 1000000000 d1@x MGCP 1.0\r\n", MgcpStatus::kBadTid},
+      {"200 -5 OK\r\n", MgcpStatus::kBadTid},
+      {"NTFY 2 d1@x MGCP 1.0\r\nX 1\r\n", MgcpStatus::kBadHeader},
+      {"NTFY 2 d1@x MGCP 1.0\r\n: 1\r\n", MgcpStatus::kBadHeader},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    const MgcpMessage message = DecodeMgcp(Text(c.text));
+    EXPECT_EQ(message.status, c.status) << MgcpStatusName(message.status);
+    EXPECT_EQ(MgcpRuleType(Text(c.text)), std::nullopt);
+  }
+  EXPECT_EQ(MgcpRuleType(Text("200 2 OK\r\n")), static_cast<std::uint8_t>(MgcpKind::kResponse));
+}
+
+// The X-P signal makers beyond those in the agent's commands.
+TEST(MgcpBuild, XpSignals) {
+  const std::pair<std::string, const char*> signals[] = {
+      {xp::Ring(0, 0xAB, 0x0C), "X-P/ring(00AB0C)"},
+      {xp::Lamp(0x0C2F, "r12i"), "X-P/ks(0C2F,r12i)"},
+      {xp::RingOff(), "X-P/ring(000000)"},
+      {xp::Display(0, 0, std::string("A\x03" "B"), 0x22), "X-P/lcdp(22000003410342)"},
+      {xp::Display(0, 0, ""), "X-P/lcdp(21000000)"},
+      {xp::DisplayClear(), "X-P/lcdp(300100000000)"},
+      {xp::Tone(0x12, true, false, true, 0x34), "X-P/tone(120100010034)"},
+      {xp::Signal("hset", "01"), "X-P/hset(01)"},
+      {xp::Signal("xyz", ""), "X-P/xyz"},
+  };
+  for (const auto& [made, expected] : signals) EXPECT_EQ(made, expected);
+  const std::string long_write = xp::Display(0, 0, std::string(300, 'x'));
+  EXPECT_EQ(long_write.substr(0, 17), "X-P/lcdp(210000FF") << "255 bytes at most";
+  EXPECT_EQ(long_write.size(), 17u + 2 * 255 + 1);
+}
+
+}  // namespace
+}  // namespace deskline::sim

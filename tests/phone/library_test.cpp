@@ -1,0 +1,61 @@
+// The real libdeskline.so, loaded as the phone loads it: every export it uses resolves, and
+// before initialize each gives the result the host interface documents.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "testing/temp_dir.h"
+#include "tools/phone/host_library.h"
+#include "tools/phone/host_os.h"
+
+namespace deskline::phone {
+namespace {
+
+TEST(PhoneLibraryTest, EveryExportResolvesAndBeforeInitializeGivesNoObjectResults) {
+  void* raw = nullptr;
+  std::string error;
+  raw = OpenLibrary(DESKLINE_LIBRARY_PATH, &error);
+  ASSERT_NE(raw, nullptr) << error;
+  for (const std::string& name : HostExportNames()) {
+    EXPECT_NE(FindSymbol(raw, name.c_str()), nullptr) << name;
+  }
+  CloseLibrary(raw);
+
+  HostLibrary library;
+  ASSERT_TRUE(library.Load(DESKLINE_LIBRARY_PATH, &error)) << error;
+  const HostExports& e = library.exports();
+  LibraryActions actions(e);
+
+  EXPECT_EQ(e.put_key(0x0200), 0);
+  EXPECT_EQ(e.put_key(0x0b02), 0);  // no engine: not even looked up
+  EXPECT_EQ(e.make_call("123"), 0);
+  EXPECT_EQ(e.send_error(5, 0, 0), 0);
+  std::vector<std::int16_t> pcm(kFrameSamples * kMaxReceiveFrames, 0);
+  EXPECT_EQ(actions.SendVoice(std::span(pcm).first(320)), 640u);
+  EXPECT_EQ(e.send_voice(319, reinterpret_cast<const uint16_t*>(pcm.data())), 319);
+  std::uint32_t status = 0xabcd;
+  EXPECT_EQ(actions.ReceiveVoice(pcm, &status), 0u);
+  EXPECT_EQ(status, 0xabcdu);  // left alone without a voice session
+  EXPECT_EQ(e.uninitialize(), 0);
+
+  // No start data: -1, and what initialize left is taken down by uninitialize.
+  testing::TempDir dir;
+  EXPECT_EQ(e.tracer_startup(dir.File("trace.log").c_str()), 0);
+  PtapParameterContainer parameters{};
+  EXPECT_EQ(e.initialize(nullptr, &parameters), -1);
+  EXPECT_EQ(e.uninitialize(), 0);
+  EXPECT_EQ(e.put_key(0x0200), 0);
+}
+
+TEST(PhoneLibraryTest, MissingLibraryOrExportIsAClearError) {
+  HostLibrary library;
+  std::string error;
+  EXPECT_FALSE(library.Load("/nonexistent/libdeskline.so", &error));
+  EXPECT_NE(error.find("cannot load /nonexistent/libdeskline.so"), std::string::npos);
+  // A real shared object that is not the engine: the first missing export is named.
+  EXPECT_FALSE(library.Load("libm.so.6", &error));
+  EXPECT_NE(error.find("lacks the export tracer_startup"), std::string::npos) << error;
+}
+
+}  // namespace
+}  // namespace deskline::phone

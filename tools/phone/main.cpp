@@ -1,0 +1,332 @@
+// deskline-phone: a command-line telephone. Loads libdeskline.so as a GUI would, registers
+// with the PBX, shows lamps, display and call events as lines, runs typed or scripted
+// commands, and plays a sound file or tone as its microphone while recording what it hears.
+// Ends on Ctrl-C, the end of its script, "quit" or the end of standard input.
+#include <chrono>
+#include <cstdio>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/clock.h"
+#include "platform/event.h"
+#include "platform/thread.h"
+#include "tools/phone/commands.h"
+#include "tools/phone/host_library.h"
+#include "tools/phone/host_os.h"
+#include "tools/phone/options.h"
+#include "tools/phone/phone_view.h"
+#include "tools/phone/script_runner.h"
+#include "tools/phone/voice_pacer.h"
+#include "tools/phone/wav_file.h"
+
+namespace dp = deskline::phone;
+namespace pf = deskline::platform;
+
+namespace {
+
+enum ExitCode { kExitOk = 0, kExitFailure = 1, kExitUsage = 2, kExitNotRegistered = 3,
+                kExitCommandFailed = 4, kExitConnectionLost = 5 };
+
+// Callbacks are plain functions: they reach the phone through these, set before initialize
+// and valid until uninitialize has returned.
+dp::PhoneView* g_view = nullptr;
+std::mutex g_print_mutex;
+std::int64_t g_start_ns = 0;
+
+void Print(const std::string& line) {
+  const double seconds =
+      static_cast<double>(pf::RealClock().SteadyNs() - g_start_ns) / 1e9;
+  std::lock_guard lock(g_print_mutex);
+  std::printf("[%8.3f] %s\n", seconds, line.c_str());
+  std::fflush(stdout);
+}
+
+void OnEvent(std::uint32_t code, std::uint32_t length, const char* data) {
+  std::span<const std::byte> bytes;
+  if (data != nullptr) bytes = {reinterpret_cast<const std::byte*>(data), dp::ReadableEventBytes(code, length)};
+  Print(g_view->OnEvent(code, bytes));
+}
+
+void OnLamp(std::uint32_t key, std::uint32_t status) { Print(g_view->OnLamp(key, status)); }
+
+void OnDisplay(std::uint32_t, std::uint32_t, const char* text, std::uint32_t) {
+  std::span<const std::byte> bytes;
+  if (text != nullptr) bytes = {reinterpret_cast<const std::byte*>(text), dp::kDisplayReadableBytes};
+  Print(g_view->OnDisplay(bytes));
+}
+
+void OnSystem(std::uint32_t code, std::uint32_t, std::uint32_t) { Print(g_view->OnSystem(code)); }
+
+std::string DescribeInitialize(std::int32_t result) {
+  switch (result) {
+    case 0:
+      return "registered";
+    case -1:
+      return "initialize failed (-1): invalid start data or an engine error, see the trace";
+    case 1:
+      return "initialize failed (1): the PBX did not answer or start-up failed, see the trace";
+    case 201:
+      return "initialize failed (201): the PBX refused the registration";
+    case 210:
+      return "initialize failed (210): the PBX says the connection data is wrong";
+    case 211:
+      return "initialize failed (211): the PBX says this is the wrong kind of terminal";
+    default:
+      return "initialize failed (" + std::to_string(result) + "): unexpected result";
+  }
+}
+
+// Lines typed on standard input, handed from the reader thread to the main thread.
+class InputQueue {
+ public:
+  void Push(std::string line) {
+    std::lock_guard lock(mutex_);
+    lines_.push_back(std::move(line));
+  }
+  void End() {
+    std::lock_guard lock(mutex_);
+    ended_ = true;
+  }
+  // False when nothing is waiting; `ended` says whether more can come.
+  bool Take(std::string* line, bool* ended) {
+    std::lock_guard lock(mutex_);
+    *ended = ended_ && lines_.empty();
+    if (lines_.empty()) return false;
+    *line = std::move(lines_.front());
+    lines_.pop_front();
+    return true;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::deque<std::string> lines_;
+  bool ended_ = false;
+};
+
+void ReadInput(InputQueue& queue, pf::ManualResetEvent& stop) {
+  std::string pending;
+  char buffer[512];
+  while (!stop.IsSet()) {
+    const long got = dp::ReadStandardInput(buffer, sizeof(buffer), 100);
+    if (got < 0) continue;
+    if (got == 0) break;
+    pending.append(buffer, static_cast<std::size_t>(got));
+    for (std::size_t end; (end = pending.find('\n')) != std::string::npos;) {
+      queue.Push(pending.substr(0, end));
+      pending.erase(0, end + 1);
+    }
+    // A line without an end that outgrows any command is cut, so input cannot grow memory.
+    if (pending.size() > 4096) {
+      queue.Push(pending);
+      pending.clear();
+    }
+  }
+  if (!pending.empty()) queue.Push(pending);
+  queue.End();
+}
+
+void PrintSummary(const dp::PhoneOptions& options, double registration_s, const dp::PhoneView& view,
+                  const dp::VoiceCounts& voice, const dp::WavWriter& recording) {
+  std::lock_guard lock(g_print_mutex);
+  std::printf("summary\n");
+  std::printf("  registration  %.3f s with %s\n", registration_s, dp::FormatIpv4(options.pbx_ip).c_str());
+  const std::string codec = view.codec();
+  std::printf("  codec         %s\n", codec.empty() ? "(no voice path)" : codec.c_str());
+  std::printf("  frames        sent %llu, received %llu, concealed %llu\n",
+              static_cast<unsigned long long>(voice.sent), static_cast<unsigned long long>(voice.received),
+              static_cast<unsigned long long>(voice.concealed));
+  if (voice.resyncs > 0) {
+    std::printf("  pacing        fell behind %llu times\n", static_cast<unsigned long long>(voice.resyncs));
+  }
+  std::printf("  trace         %s\n", options.trace.c_str());
+  if (!options.mic_path.empty()) {
+    std::printf("  microphone    %s\n", options.mic_path.c_str());
+  } else if (options.tone_hz > 0) {
+    std::printf("  microphone    tone %.0f Hz\n", options.tone_hz);
+  } else {
+    std::printf("  microphone    silence\n");
+  }
+  if (!options.record_path.empty()) {
+    std::printf("  recording     %s (%.2f s)\n", options.record_path.c_str(),
+                static_cast<double>(recording.samples_written()) / dp::kVoiceRateHz);
+  }
+  std::fflush(stdout);
+}
+
+class WavSink final : public dp::FrameSink {
+ public:
+  explicit WavSink(dp::WavWriter& writer) : writer_(writer) {}
+  void Write(std::span<const std::int16_t> samples) override { writer_.Write(samples); }
+
+ private:
+  dp::WavWriter& writer_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  g_start_ns = pf::RealClock().SteadyNs();
+  const std::vector<std::string> args(argv + 1, argv + argc);
+  dp::PhoneOptions options;
+  std::string error;
+  if (!dp::ParsePhoneOptions(args, &options, &error)) {
+    std::fprintf(stderr, "deskline-phone: %s\n%s", error.c_str(), dp::PhoneUsage());
+    return kExitUsage;
+  }
+  if (options.help) {
+    std::printf("%s\n%s", dp::PhoneUsage(), dp::CommandHelp());
+    return kExitOk;
+  }
+  // The whole script is checked before anything goes to the PBX.
+  std::vector<dp::Command> script;
+  for (const std::string& piece : dp::SplitScript(options.script)) {
+    dp::ParseResult parsed = dp::ParseCommand(piece);
+    if (!parsed.command) {
+      std::fprintf(stderr, "deskline-phone: script: %s\n", parsed.error.c_str());
+      return kExitUsage;
+    }
+    script.push_back(std::move(*parsed.command));
+  }
+  const bool scripted = !options.script.empty();
+
+  std::unique_ptr<dp::FrameSource> microphone;
+  if (!options.mic_path.empty()) {
+    std::vector<std::int16_t> samples;
+    if (!dp::ReadSoundAs8kMono(options.mic_path, &samples, &error)) {
+      std::fprintf(stderr, "deskline-phone: %s\n", error.c_str());
+      return kExitFailure;
+    }
+    microphone = std::make_unique<dp::LoopSource>(std::move(samples));
+  } else if (options.tone_hz > 0) {
+    microphone = std::make_unique<dp::ToneSource>(options.tone_hz, 8000);
+  } else {
+    microphone = std::make_unique<dp::LoopSource>(std::vector<std::int16_t>{});
+  }
+  dp::WavWriter recording;
+  if (!options.record_path.empty() && !recording.Open(options.record_path, &error)) {
+    std::fprintf(stderr, "deskline-phone: %s\n", error.c_str());
+    return kExitFailure;
+  }
+
+  dp::HostLibrary library;
+  if (!library.Load(options.library, &error)) {
+    std::fprintf(stderr, "deskline-phone: %s\n", error.c_str());
+    return kExitFailure;
+  }
+  const dp::HostExports& exports = library.exports();
+  dp::InstallStopSignals();
+
+  dp::PhoneView view;
+  g_view = &view;
+  exports.tracer_startup(options.trace.c_str());
+  NetworkInitData data;
+  dp::FillInitData(options, &data);
+  data.event_callback = OnEvent;
+  data.led_callback = OnLamp;
+  data.display_callback = OnDisplay;
+  data.system_callback = OnSystem;
+  PtapParameterContainer parameters{};
+  Print("registering with the PBX at " + dp::FormatIpv4(options.pbx_ip) + " ...");
+  const std::int64_t before_ns = pf::RealClock().SteadyNs();
+  const std::int32_t result = exports.initialize(&data, &parameters);
+  const double registration_s = static_cast<double>(pf::RealClock().SteadyNs() - before_ns) / 1e9;
+  Print(DescribeInitialize(result) + " after " + std::to_string(registration_s).substr(0, 5) + " s");
+  if (result != 0) {
+    // A failure after start-up leaves the engine running until uninitialize; harmless otherwise.
+    exports.uninitialize();
+    std::printf("trace: %s\n", options.trace.c_str());
+    return kExitNotRegistered;
+  }
+  Print("keepalive timeout " + std::to_string(parameters.keepalive_timeout) + " s, result code " +
+        std::to_string(parameters.result_code));
+
+  dp::LibraryActions actions(exports);
+  WavSink sink(recording);
+  dp::VoicePacer pacer(actions, *microphone, options.record_path.empty() ? nullptr : &sink,
+                       view.media_active(), pf::RealClock());
+  if (!pacer.Start()) Print("warning: no voice thread; the call will be silent");
+
+  // Ctrl-C and a lost PBX both end whatever the main thread is waiting for.
+  pf::ManualResetEvent stop("phone stop");
+  pf::ManualResetEvent finished("phone finished");
+  pf::Thread watcher;
+  if (watcher.Create("phone watch", [&](pf::ThreadId) {
+        while (!pf::RealClock().WaitFor(finished, std::chrono::milliseconds(50))) {
+          if (dp::StopSignalled() || view.connection_lost() || view.restart_demanded()) stop.Set();
+        }
+      }) != 0) {
+    watcher.Resume();
+  }
+  InputQueue input;
+  pf::Thread reader;
+  const bool interactive = !scripted && options.read_stdin;
+  if (interactive && reader.Create("phone input", [&](pf::ThreadId) { ReadInput(input, stop); }) != 0) {
+    reader.Resume();
+    Print("ready: type commands (help lists them)");
+  }
+
+  dp::ScriptRunner runner(actions, view, pf::RealClock(), stop);
+  int exit_code = kExitOk;
+  auto run = [&](const dp::Command& command) {
+    if (command.kind == dp::CommandKind::kHelp) {
+      std::lock_guard lock(g_print_mutex);
+      std::fputs(dp::CommandHelp(), stdout);
+      std::fflush(stdout);
+      return dp::StepOutcome{};
+    }
+    if (command.kind == dp::CommandKind::kStatus) {
+      const dp::VoiceCounts voice = pacer.counts();
+      Print("status codec " + (view.codec().empty() ? std::string("-") : view.codec()) + ", frames sent " +
+            std::to_string(voice.sent) + ", received " + std::to_string(voice.received) +
+            ", concealed " + std::to_string(voice.concealed));
+      for (const std::string& row : view.Screen()) Print("screen " + row);
+      return dp::StepOutcome{};
+    }
+    dp::StepOutcome outcome = runner.Run(command);
+    if (!outcome.message.empty()) {
+      Print((outcome.kind == dp::StepOutcome::Kind::kFailed ? "failed " : "> ") + outcome.message);
+    }
+    return outcome;
+  };
+
+  if (scripted) {
+    for (const dp::Command& command : script) {
+      const dp::StepOutcome outcome = run(command);
+      if (outcome.kind == dp::StepOutcome::Kind::kFailed) exit_code = kExitCommandFailed;
+      if (outcome.kind != dp::StepOutcome::Kind::kOk) break;
+    }
+  } else {
+    while (!stop.IsSet()) {
+      std::string line;
+      bool ended = false;
+      if (!input.Take(&line, &ended)) {
+        if (ended) break;
+        pf::RealClock().WaitFor(stop, std::chrono::milliseconds(50));
+        continue;
+      }
+      dp::ParseResult parsed = dp::ParseCommand(line);
+      if (!parsed.command) {
+        Print("error " + parsed.error);
+        continue;
+      }
+      if (run(*parsed.command).kind == dp::StepOutcome::Kind::kQuit) break;
+    }
+  }
+  if (view.connection_lost() || view.restart_demanded()) exit_code = kExitConnectionLost;
+  if (dp::StopSignalled()) Print("interrupted");
+
+  // Threads first: the voice thread calls into the engine, which uninitialize takes down.
+  stop.Set();
+  finished.Set();
+  reader.Join();
+  watcher.Join();
+  pacer.Stop();
+  exports.uninitialize();
+  g_view = nullptr;
+  recording.Close();
+  PrintSummary(options, registration_s, view, pacer.counts(), recording);
+  return exit_code;
+}

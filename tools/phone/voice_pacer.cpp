@@ -1,0 +1,87 @@
+#include "tools/phone/voice_pacer.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <numbers>
+
+namespace deskline::phone {
+
+void LoopSource::Next(std::span<std::int16_t, kFrameSamples> frame) {
+  if (samples_.empty()) {
+    std::fill(frame.begin(), frame.end(), std::int16_t{0});
+    return;
+  }
+  for (std::int16_t& sample : frame) {
+    sample = samples_[position_];
+    position_ = (position_ + 1) % samples_.size();
+  }
+}
+
+void ToneSource::Next(std::span<std::int16_t, kFrameSamples> frame) {
+  const double step = frequency_hz_ / 8000.0;
+  for (std::int16_t& sample : frame) {
+    sample = static_cast<std::int16_t>(std::lround(amplitude_ * std::sin(2 * std::numbers::pi * phase_)));
+    phase_ += step;
+    phase_ -= std::floor(phase_);
+  }
+}
+
+bool VoicePacer::Start() {
+  if (thread_.created()) return true;
+  stop_.Reset();
+  if (thread_.Create("phone voice", [this](platform::ThreadId) { Run(); }) == 0) return false;
+  thread_.Resume();
+  return true;
+}
+
+void VoicePacer::Stop() {
+  stop_.Set();
+  thread_.Join();
+}
+
+void VoicePacer::Run() {
+  constexpr std::int64_t kPeriodNs = std::chrono::nanoseconds(kPeriod).count();
+  constexpr std::int64_t kMaxLagNs = std::chrono::nanoseconds(kMaxLag).count();
+  std::int64_t due_ns = clock_.SteadyNs();
+  while (!stop_.IsSet()) {
+    Tick();
+    due_ns += kPeriodNs;
+    const std::int64_t now_ns = clock_.SteadyNs();
+    if (now_ns - due_ns > kMaxLagNs) {
+      due_ns = now_ns;
+      ++resyncs_;
+    }
+    if (due_ns > now_ns) {
+      // Round up so the frame never leaves early.
+      const std::int64_t wait_ms = (due_ns - now_ns + 999'999) / 1'000'000;
+      if (clock_.WaitFor(stop_, std::chrono::milliseconds(wait_ms))) break;
+    }
+  }
+}
+
+void VoicePacer::Tick() {
+  if (!active_.load()) return;
+  std::array<std::int16_t, kFrameSamples> frame;
+  source_.Next(frame);
+  port_.SendVoice(frame);
+  ++sent_;
+
+  std::uint32_t status = 0xffffffffu;
+  const std::uint32_t bytes = port_.ReceiveVoice(receive_buffer_, &status);
+  // Never trust a count past the buffer that was handed over.
+  const std::size_t samples = std::min<std::size_t>(bytes / 2, receive_buffer_.size());
+  if (samples == 0) return;
+  if (status == kStatusDelivered) {
+    received_ += samples / kFrameSamples;
+  } else if (status == kStatusConcealed) {
+    concealed_ += samples / kFrameSamples;
+  }
+  if (sink_ != nullptr) sink_->Write(std::span<const std::int16_t>(receive_buffer_.data(), samples));
+}
+
+VoiceCounts VoicePacer::counts() const {
+  return VoiceCounts{sent_.load(), received_.load(), concealed_.load(), resyncs_.load()};
+}
+
+}  // namespace deskline::phone

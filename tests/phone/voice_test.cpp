@@ -8,6 +8,7 @@
 
 #include "testing/fake_clock.h"
 #include "testing/temp_dir.h"
+#include "tools/phone/speech_source.h"
 #include "tools/phone/voice_pacer.h"
 #include "tools/phone/wav_file.h"
 
@@ -103,6 +104,39 @@ TEST(PhoneSourceTest, LoopAndToneFrames) {
   EXPECT_EQ(frame[10], 10000);
 }
 
+// The synthetic talker: syllables with pauses between them, at a speech-like level, and the
+// same talk for the same seed.
+TEST(PhoneSourceTest, SpeechHasSyllablesAndPauses) {
+  SpeechSource talker(8000, 7);
+  SpeechSource again(8000, 7);
+  int voiced = 0;
+  int silent = 0;
+  double energy = 0;
+  std::array<std::int16_t, kFrameSamples> frame;
+  std::array<std::int16_t, kFrameSamples> copy;
+  for (int n = 0; n < 250; ++n) {  // five seconds
+    talker.Next(frame);
+    again.Next(copy);
+    ASSERT_EQ(frame, copy);
+    double sum = 0;
+    int peak = 0;
+    for (std::int16_t s : frame) {
+      sum += double(s) * s;
+      peak = std::max(peak, std::abs(int(s)));
+    }
+    EXPECT_LE(peak, 8000);
+    energy += sum;
+    const double rms = std::sqrt(sum / kFrameSamples);
+    if (rms > 300) ++voiced;
+    if (rms < 1) ++silent;
+  }
+  EXPECT_GT(voiced, 100);
+  EXPECT_GT(silent, 10) << "pauses between syllables";
+  const double rms_dbfs = 10 * std::log10(energy / (250.0 * kFrameSamples) / (32767.0 * 32767.0 / 2));
+  EXPECT_GT(rms_dbfs, -30);
+  EXPECT_LT(rms_dbfs, -10);
+}
+
 // send_voice and recv_voice as a schedule: every call's simulated time, and a script of
 // receive results.
 class FakePort final : public VoicePort {
@@ -162,6 +196,7 @@ TEST_F(PacerFixture, OneFrameEvery20MsAndCountsByStatus) {
   EXPECT_EQ(counts.received, 1u + 3u + 8u);  // an oversized count is cut to the buffer
   EXPECT_EQ(counts.concealed, 1u);
   EXPECT_EQ(counts.resyncs, 0u);
+  EXPECT_EQ(counts.playout_delay_frames, 1) << "one tick passed before the first frame played";
   // What was delivered or concealed is recorded, in order; nothing for 601 and 1.
   EXPECT_EQ(sink.written.size(), (1u + 3u + 1u + 8u) * kFrameSamples);
   EXPECT_EQ(sink.written.front(), 1);

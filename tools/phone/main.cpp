@@ -19,6 +19,7 @@
 #include "tools/phone/options.h"
 #include "tools/phone/phone_view.h"
 #include "tools/phone/script_runner.h"
+#include "tools/phone/speech_source.h"
 #include "tools/phone/voice_pacer.h"
 #include "tools/phone/wav_file.h"
 
@@ -128,32 +129,74 @@ void ReadInput(InputQueue& queue, pf::ManualResetEvent& stop) {
   queue.End();
 }
 
-void PrintSummary(const dp::PhoneOptions& options, double registration_s, const dp::PhoneView& view,
-                  const dp::VoiceCounts& voice, const dp::WavWriter& recording) {
-  std::lock_guard lock(g_print_mutex);
-  std::printf("summary\n");
-  std::printf("  registration  %.3f s with %s\n", registration_s, dp::FormatIpv4(options.pbx_ip).c_str());
+struct SummaryRow {
+  const char* key;    // in the summary file
+  const char* label;  // on screen; null: file only
+  std::string value;
+};
+
+std::string Fixed(double value, int decimals) {
+  char text[32];
+  std::snprintf(text, sizeof(text), "%.*f", decimals, value);
+  return text;
+}
+
+// The closing summary: on screen for people, and as key=value lines for scripts and tests.
+void PrintSummary(const dp::PhoneOptions& options, std::int32_t init_result, double registration_s,
+                  const dp::PhoneView& view, const dp::VoiceCounts& voice,
+                  const dp::WavWriter& recording, int exit_code) {
   const std::string codec = view.codec();
-  std::printf("  codec         %s\n", codec.empty() ? "(no voice path)" : codec.c_str());
-  std::printf("  frames        sent %llu, received %llu, concealed %llu\n",
-              static_cast<unsigned long long>(voice.sent), static_cast<unsigned long long>(voice.received),
-              static_cast<unsigned long long>(voice.concealed));
-  if (voice.resyncs > 0) {
-    std::printf("  pacing        fell behind %llu times\n", static_cast<unsigned long long>(voice.resyncs));
-  }
-  std::printf("  trace         %s\n", options.trace.c_str());
+  std::string microphone = "silence";
   if (!options.mic_path.empty()) {
-    std::printf("  microphone    %s\n", options.mic_path.c_str());
+    microphone = options.mic_path;
   } else if (options.tone_hz > 0) {
-    std::printf("  microphone    tone %.0f Hz\n", options.tone_hz);
-  } else {
-    std::printf("  microphone    silence\n");
+    microphone = "tone " + Fixed(options.tone_hz, 0) + " Hz";
+  } else if (options.speech) {
+    microphone = "synthetic speech";
   }
-  if (!options.record_path.empty()) {
-    std::printf("  recording     %s (%.2f s)\n", options.record_path.c_str(),
-                static_cast<double>(recording.samples_written()) / dp::kVoiceRateHz);
+  const double recorded_s = static_cast<double>(recording.samples_written()) / dp::kVoiceRateHz;
+  std::string depth = "-";
+  if (voice.playout_delay_frames >= 0) {
+    depth = std::to_string(voice.playout_delay_frames) + " frames (" +
+            std::to_string(voice.playout_delay_frames * 20) + " ms) when playout began";
   }
-  std::fflush(stdout);
+  const std::vector<SummaryRow> rows = {
+      {"initialize", nullptr, std::to_string(init_result)},
+      {"registration_s", "registration", Fixed(registration_s, 3) + " s with " + dp::FormatIpv4(options.pbx_ip)},
+      {"codec", "codec", codec.empty() ? "none" : codec},
+      {"frames_sent", "frames sent", std::to_string(voice.sent)},
+      {"frames_received", "frames received", std::to_string(voice.received)},
+      {"frames_concealed", "frames concealed", std::to_string(voice.concealed)},
+      {"buffer_depth_frames", "buffer depth", depth},
+      {"pacing_resyncs", nullptr, std::to_string(voice.resyncs)},
+      {"trace", "trace", options.trace},
+      {"microphone", "microphone", microphone},
+      {"recording", "recording", options.record_path.empty() ? "" : options.record_path + " (" + Fixed(recorded_s, 2) + " s)"},
+      {"exit_code", nullptr, std::to_string(exit_code)},
+  };
+  {
+    std::lock_guard lock(g_print_mutex);
+    std::printf("summary\n");
+    for (const SummaryRow& row : rows) {
+      if (row.label != nullptr && !row.value.empty()) std::printf("  %-17s %s\n", row.label, row.value.c_str());
+    }
+    std::fflush(stdout);
+  }
+  if (options.summary_path.empty()) return;
+  std::FILE* file = std::fopen(options.summary_path.c_str(), "w");
+  if (file == nullptr) {
+    std::fprintf(stderr, "deskline-phone: cannot write the summary to %s\n", options.summary_path.c_str());
+    return;
+  }
+  for (const SummaryRow& row : rows) {
+    std::string value = row.value;
+    // The file holds plain values: the number of frames, the path alone.
+    if (std::string_view(row.key) == "registration_s") value = Fixed(registration_s, 3);
+    if (std::string_view(row.key) == "buffer_depth_frames") value = std::to_string(voice.playout_delay_frames);
+    if (std::string_view(row.key) == "recording") value = options.record_path;
+    std::fprintf(file, "%s=%s\n", row.key, value.c_str());
+  }
+  std::fclose(file);
 }
 
 class WavSink final : public dp::FrameSink {
@@ -202,6 +245,8 @@ int main(int argc, char** argv) {
     microphone = std::make_unique<dp::LoopSource>(std::move(samples));
   } else if (options.tone_hz > 0) {
     microphone = std::make_unique<dp::ToneSource>(options.tone_hz, 8000);
+  } else if (options.speech) {
+    microphone = std::make_unique<dp::SpeechSource>();
   } else {
     microphone = std::make_unique<dp::LoopSource>(std::vector<std::int16_t>{});
   }
@@ -237,7 +282,7 @@ int main(int argc, char** argv) {
   if (result != 0) {
     // A failure after start-up leaves the engine running until uninitialize; harmless otherwise.
     exports.uninitialize();
-    std::printf("trace: %s\n", options.trace.c_str());
+    PrintSummary(options, result, registration_s, view, dp::VoiceCounts{}, recording, kExitNotRegistered);
     return kExitNotRegistered;
   }
   Print("keepalive timeout " + std::to_string(parameters.keepalive_timeout) + " s, result code " +
@@ -327,6 +372,6 @@ int main(int argc, char** argv) {
   exports.uninitialize();
   g_view = nullptr;
   recording.Close();
-  PrintSummary(options, registration_s, view, pacer.counts(), recording);
+  PrintSummary(options, result, registration_s, view, pacer.counts(), recording, exit_code);
   return exit_code;
 }

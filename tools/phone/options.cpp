@@ -66,6 +66,10 @@ bool ParsePhoneOptions(std::span<const std::string> args, PhoneOptions* options,
       options->read_stdin = false;
       continue;
     }
+    if (option == "--speech") {
+      options->speech = true;
+      continue;
+    }
     if (i + 1 >= args.size()) {
       *error = option.rfind("--", 0) == 0 ? option + " needs a value" : "unknown argument " + option;
       return false;
@@ -114,13 +118,15 @@ bool ParsePhoneOptions(std::span<const std::string> args, PhoneOptions* options,
       options->tone_hz = *hz;
     } else if (option == "--record") {
       options->record_path = value;
+    } else if (option == "--summary") {
+      options->summary_path = value;
     } else {
       *error = "unknown option " + option;
       return false;
     }
   }
-  if (!options->mic_path.empty() && options->tone_hz > 0) {
-    *error = "--mic and --tone exclude each other";
+  if (int(!options->mic_path.empty()) + int(options->tone_hz > 0) + int(options->speech) > 1) {
+    *error = "--mic, --tone and --speech exclude each other";
     return false;
   }
   if (!script_file.empty()) {
@@ -166,7 +172,9 @@ const char* PhoneUsage() {
          "  --no-stdin             without a script: read no commands, run until Ctrl-C\n"
          "  --mic FILE             a sound file as the microphone (any rate, played in a loop)\n"
          "  --tone HZ              a sine tone as the microphone\n"
-         "  --record FILE          write received sound to FILE (WAV, 8 kHz mono 16-bit)\n";
+         "  --speech               a synthetic talker as the microphone\n"
+         "  --record FILE          write received sound to FILE (WAV, 8 kHz mono 16-bit)\n"
+         "  --summary FILE         also write the closing summary to FILE, key=value lines\n";
 }
 
 }  // namespace deskline::phone

@@ -22,8 +22,10 @@ struct PhoneOptions {
   std::uint8_t start_mode = 0;  // 1 extended, else basic
   std::string script;           // commands, ';' or newline between them
   std::string mic_path;         // a sound file as the microphone
-  double tone_hz = 0;           // or a generated tone; neither: silence
+  double tone_hz = 0;           // or a generated tone
+  bool speech = false;          // or a synthetic talker; none of the three: silence
   std::string record_path;      // where received sound goes
+  std::string summary_path;     // the closing summary as key=value lines
   bool read_stdin = true;
   bool help = false;
 };

@@ -61,7 +61,13 @@ void VoicePacer::Run() {
 }
 
 void VoicePacer::Tick() {
-  if (!active_.load()) return;
+  if (!active_.load()) {
+    was_active_ = false;
+    return;
+  }
+  if (!was_active_) path_ticks_ = 0;
+  was_active_ = true;
+  ++path_ticks_;
   std::array<std::int16_t, kFrameSamples> frame;
   source_.Next(frame);
   port_.SendVoice(frame);
@@ -74,6 +80,8 @@ void VoicePacer::Tick() {
   if (samples == 0) return;
   if (status == kStatusDelivered) {
     received_ += samples / kFrameSamples;
+    std::int64_t none = -1;
+    playout_delay_frames_.compare_exchange_strong(none, path_ticks_ - 1);
   } else if (status == kStatusConcealed) {
     concealed_ += samples / kFrameSamples;
   }
@@ -81,7 +89,8 @@ void VoicePacer::Tick() {
 }
 
 VoiceCounts VoicePacer::counts() const {
-  return VoiceCounts{sent_.load(), received_.load(), concealed_.load(), resyncs_.load()};
+  return VoiceCounts{sent_.load(), received_.load(), concealed_.load(), resyncs_.load(),
+                     playout_delay_frames_.load()};
 }
 
 }  // namespace deskline::phone

@@ -76,6 +76,11 @@ struct VoiceCounts {
   std::uint64_t received = 0;   // frames delivered from the network
   std::uint64_t concealed = 0;  // frames made up for missing ones
   std::uint64_t resyncs = 0;    // times the schedule fell too far behind and restarted
+  // How deep the engine's voice buffer ran when playout began, seen from outside: the 20 ms
+  // ticks from the first voice path opening to its first delivered frame (the far end starts
+  // sending as the path opens, so frames pile up for that long before the first is played).
+  // -1 until a frame has been delivered.
+  std::int64_t playout_delay_frames = -1;
 };
 
 class VoicePacer {
@@ -118,6 +123,9 @@ class VoicePacer {
   std::atomic<std::uint64_t> received_{0};
   std::atomic<std::uint64_t> concealed_{0};
   std::atomic<std::uint64_t> resyncs_{0};
+  std::atomic<std::int64_t> playout_delay_frames_{-1};
+  std::int64_t path_ticks_ = 0;  // ticks of the current voice path; the pacer's thread only
+  bool was_active_ = false;
   std::vector<std::int16_t> receive_buffer_ = std::vector<std::int16_t>(kFrameSamples * kMaxReceiveFrames);
 };
 

@@ -2,6 +2,7 @@
 // manual simulated clock.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 
@@ -60,6 +61,24 @@ TEST(NetRules, OccurrencesCountPerRuleByDirectionAndTypeAndChanceRepeatsFromTheS
   EXPECT_NE(a.find('D'), std::string::npos);
   EXPECT_NE(a.find('.'), std::string::npos);
   EXPECT_EQ(random(7, 0.0), std::string(64, '.'));
+
+  // Jitter draws each delay from 0 to its bound, from the seed, on top of a fixed delay.
+  auto jitter = [](std::uint64_t seed) {
+    NetRules seeded(seed);
+    seeded.Add(NetRule::Jitter(Direction::kIn, std::nullopt, 30));
+    seeded.Add(NetRule::Delay(Direction::kIn, kTypeStart, 100));
+    std::vector<int> delays;
+    for (int i = 0; i < 200; ++i) delays.push_back(seeded.Apply(Direction::kIn, kTypeAck).delay_ms);
+    delays.push_back(seeded.Apply(Direction::kIn, kTypeStart).delay_ms);
+    return delays;
+  };
+  const std::vector<int> delays = jitter(7);
+  EXPECT_EQ(delays, jitter(7));
+  EXPECT_NE(delays, jitter(8));
+  EXPECT_EQ(*std::min_element(delays.begin(), delays.end() - 1), 0);
+  EXPECT_EQ(*std::max_element(delays.begin(), delays.end() - 1), 30);
+  EXPECT_GE(delays.back(), 100);
+  EXPECT_LE(delays.back(), 130);
 }
 
 class SchedulerTest : public ::testing::Test {

@@ -2,14 +2,19 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <cstdio>
 #include <vector>
+
+#include "tools/pbxsim/media_channel.h"
 
 namespace deskline::sim {
 namespace {
 
 constexpr std::uint16_t kDefaultRtpPort = 40000;
 constexpr long kMaxWaitMs = 600'000;
+constexpr std::int64_t kMaxDurationMs = 24LL * 3600 * 1000;
+constexpr long kMaxMediaPackets = 100'000'000;
 
 // Lamp states that the terminal knows.
 constexpr std::string_view kLampStates[] = {"off",  "gon",  "g3i", "g3si", "g6i",
@@ -58,19 +63,31 @@ bool Hex(std::string_view word, long max, long* out) {
 
 ScriptStep Fail(std::string message) { return ScriptStep{false, std::move(message), {}, false}; }
 
+ScriptStep BadWait(std::string message) {
+  ScriptStep step = Fail(std::move(message));
+  step.bad_wait = true;
+  return step;
+}
+
+ScriptStep FromMedia(const MediaResult& result) {
+  return ScriptStep{result.ok, result.message, {}, false};
+}
+
+// The optional TIMEOUT word at `index`; false if it is there and is no duration.
+bool Timeout(const std::vector<std::string_view>& w, std::size_t index,
+             std::chrono::milliseconds* out) {
+  if (w.size() <= index) return true;
+  const std::optional<std::chrono::milliseconds> duration = ParseDuration(w[index]);
+  if (!duration) return false;
+  *out = *duration;
+  return true;
+}
+
 ScriptStep Sent(const MgcpAgent& agent, std::string_view verb, std::uint32_t tid) {
   if (tid != 0) {
     return ScriptStep{true, std::string(verb) + " " + std::to_string(tid) + " sent", {}, false};
   }
-  const char* why = "no call";
-  if (!agent.running()) {
-    why = "the call agent is not running";
-  } else if (!agent.terminal()) {
-    why = "no terminal has made itself known yet";
-  } else if (agent.endpoint_name().empty()) {
-    why = "the terminal's endpoint name is not known yet";
-  }
-  return Fail(std::string(verb) + " not sent: " + why);
+  return Fail(std::string(verb) + " not sent: " + NotSentReason(agent));
 }
 
 // A codec by name or payload type number.
@@ -110,6 +127,44 @@ std::string Describe(const MgcpAgent& agent) {
 
 }  // namespace
 
+std::optional<std::chrono::milliseconds> ParseDuration(std::string_view text) {
+  double scale_ms = 0;
+  if (text.size() > 2 && text.substr(text.size() - 2) == "ms") {
+    scale_ms = 1;
+    text.remove_suffix(2);
+  } else if (text.size() > 1 && text.back() == 's') {
+    scale_ms = 1000;
+    text.remove_suffix(1);
+  } else if (text.size() > 1 && text.back() == 'm') {
+    scale_ms = 60'000;
+    text.remove_suffix(1);
+  } else {
+    return std::nullopt;
+  }
+  // Digits with at most one point; no sign, no exponent, nothing else.
+  const std::size_t point = text.find('.');
+  const std::string_view whole = text.substr(0, point);
+  const std::string_view fraction =
+      point == std::string_view::npos ? std::string_view() : text.substr(point + 1);
+  auto digits = [](std::string_view part) {
+    return part.find_first_not_of("0123456789") == std::string_view::npos;
+  };
+  if (text.empty() || !digits(whole) || !digits(fraction) || (whole.empty() && fraction.empty()) ||
+      whole.size() > 9 || fraction.size() > 6) {
+    return std::nullopt;
+  }
+  double value = 0;
+  for (const char c : whole) value = value * 10 + (c - '0');
+  double step = 0.1;
+  for (const char c : fraction) {
+    value += (c - '0') * step;
+    step /= 10;
+  }
+  const double ms = std::round(value * scale_ms);
+  if (ms > static_cast<double>(kMaxDurationMs)) return std::nullopt;
+  return std::chrono::milliseconds(static_cast<std::int64_t>(ms));
+}
+
 const char* AgentScript::Help() {
   return "call agent commands:\n"
          "  ring [PATTERN [MELODY [CLASS]]]   ring the terminal (defaults 1 1 1)\n"
@@ -121,11 +176,20 @@ const char* AgentScript::Help() {
          "  volume SLOT VALUE                 vctl; slot 3 is the ringer\n"
          "  signal SIGNAL...                  raw X-P signals on one S: line\n"
          "  connect [CODEC [PORT]]            CRCX sendrecv; CODEC pcmu pcma g722 g729 or a\n"
-         "                                    payload type (default pcmu), RTP port (40000)\n"
-         "  hold | resume                     MDCX inactive | sendrecv\n"
-         "  release                           DLCX\n"
+         "                                    payload type (default pcmu), RTP port (40000,\n"
+         "                                    0 = any); media flows once the terminal answers\n"
+         "  hold | resume                     MDCX inactive | sendrecv; media stops | goes on\n"
+         "  release                           DLCX; media stops, the recording is written\n"
          "  audit                             AUEP\n"
-         "  wait MS                           pause (scripts)\n"
+         "  wait MS | wait DURATION           pause (wait 1500, wait 1.5s, wait 500ms)\n"
+         "  wait-register [TIMEOUT]           until the terminal's RSIP was accepted and its\n"
+         "                                    PTAP OP_BEGIN came\n"
+         "  wait-key KEY [TIMEOUT]            until an NTFY observed X-P/fkKEY (KEY four hex\n"
+         "                                    digits, 0200); one since the last wait-key for\n"
+         "                                    KEY counts, also one that came before\n"
+         "  wait-media N [TIMEOUT]            until the call's RTP peer received N packets\n"
+         "                                    TIMEOUT such as 10s, 500ms, 2m (default 60s); a\n"
+         "                                    wait that times out fails the script\n"
          "  status | help | quit\n";
 }
 
@@ -212,6 +276,7 @@ ScriptStep AgentScript::Run(std::string_view line) {
         (w.size() > 2 && !Number(w[2], 65535, &c))) {
       return Fail("usage: connect [CODEC [PORT]] (CODEC pcmu pcma g722 g729 or 0-127)");
     }
+    if (media_) return FromMedia(media_->Connect(payload_type, static_cast<std::uint16_t>(c)));
     MediaOffer offer;
     offer.port = static_cast<std::uint16_t>(c);
     offer.payload_types = {payload_type};
@@ -219,12 +284,14 @@ ScriptStep AgentScript::Run(std::string_view line) {
   }
   if (command == "hold" || command == "resume") {
     if (w.size() != 1) return Fail("usage: " + std::string(command));
+    if (media_) return FromMedia(command == "hold" ? media_->Hold() : media_->Resume());
     if (!agent_.call()) return Fail(std::string(command) + ": no call; connect first");
     return Sent(agent_, "MDCX", agent_.SendMdcx(command == "hold" ? ConnectionMode::kInactive
                                                           : ConnectionMode::kSendRecv));
   }
   if (command == "release") {
     if (w.size() != 1) return Fail("usage: release");
+    if (media_) return FromMedia(media_->Release());
     return Sent(agent_, "DLCX", agent_.SendDlcx());
   }
   if (command == "audit") {
@@ -232,10 +299,43 @@ ScriptStep AgentScript::Run(std::string_view line) {
     return Sent(agent_, "AUEP", agent_.SendAuep());
   }
   if (command == "wait") {
-    if (w.size() != 2 || !Number(w[1], kMaxWaitMs, &a)) {
-      return Fail("usage: wait MS (0-600000)");
+    if (w.size() == 2 && Number(w[1], kMaxWaitMs, &a)) {
+      return ScriptStep{true, "", std::chrono::milliseconds(a), false};
     }
-    return ScriptStep{true, "", std::chrono::milliseconds(a), false};
+    const std::optional<std::chrono::milliseconds> pause =
+        w.size() == 2 ? ParseDuration(w[1]) : std::nullopt;
+    if (!pause || pause->count() > kMaxWaitMs) {
+      return Fail("usage: wait MS (0-600000) or wait DURATION (such as 1.5s, up to 10m)");
+    }
+    return ScriptStep{true, "", *pause, false};
+  }
+  if (command == "wait-register" || command == "wait-key" || command == "wait-media") {
+    WaitRequest request;
+    std::size_t timeout_index = 1;
+    if (command == "wait-key") {
+      request.kind = WaitRequest::Kind::kKey;
+      // Four digits, as the terminal writes the key in its NTFY.
+      if (w.size() < 2 || w[1].size() != 4 || !Hex(w[1], 0xFFFF, &a)) {
+        return BadWait("usage: wait-key KEY [TIMEOUT] (KEY four hex digits, such as 0200)");
+      }
+      request.key = static_cast<std::uint16_t>(a);
+      timeout_index = 2;
+    } else if (command == "wait-media") {
+      request.kind = WaitRequest::Kind::kMedia;
+      if (w.size() < 2 || !Number(w[1], kMaxMediaPackets, &a) || a == 0) {
+        return BadWait("usage: wait-media N [TIMEOUT] (N packets, 1 or more)");
+      }
+      request.count = static_cast<std::uint64_t>(a);
+      timeout_index = 2;
+    }
+    if (w.size() > timeout_index + 1 || !Timeout(w, timeout_index, &request.timeout)) {
+      return BadWait("usage: " + std::string(command) +
+                     (command == "wait-key" ? " KEY" : command == "wait-media" ? " N" : "") +
+                     " [TIMEOUT] (TIMEOUT such as 10s, 500ms, 2m; default 60s)");
+    }
+    ScriptStep step;
+    step.await = request;
+    return step;
   }
   if (command == "status") return ScriptStep{true, Describe(agent_), {}, false};
   if (command == "help") return ScriptStep{true, Help(), {}, false};

@@ -1,13 +1,16 @@
 // deskline-pbx: the PBX simulator on loopback, for the demo and for trying the terminal by
-// hand: PTAP and an MGCP call agent, driven by commands typed on standard input or read from a
-// script file. Stops on Ctrl-C, SIGTERM, "quit" or the end of standard input.
+// hand: PTAP, an MGCP call agent and the call's RTP media, driven by commands typed on
+// standard input or read from a script file. Stops on Ctrl-C, SIGTERM, "quit", the end of
+// standard input, or (with --no-stdin) the end of the script; then prints a summary.
+//
+// Exit codes: 0 done, 1 a port cannot be bound or the summary cannot be written, 2 usage,
+// 3 the script failed (a wait timed out, a wait command was malformed, or the script was cut
+// short by a signal or quit).
 #include <atomic>
-#include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <deque>
 #include <fstream>
 #include <mutex>
@@ -15,18 +18,27 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 
 #include "tools/pbxsim/agent_script.h"
+#include "tools/pbxsim/media_channel.h"
+#include "tools/pbxsim/pbx_options.h"
 #include "tools/pbxsim/pbx_simulator.h"
+#include "tools/pbxsim/run_summary.h"
+#include "tools/pbxsim/terminal_watch.h"
+#include "tools/rtppeer/peer_sound.h"
 
 namespace {
 
 volatile std::sig_atomic_t g_signalled = 0;
 std::atomic<bool> g_input_ended{false};
-// Lines typed on standard input, handed from the reader to the main thread.
+// Lines typed on standard input, handed from the reader to the main thread, each with its
+// number in the order of reading.
 std::mutex g_input_mutex;
-std::deque<std::string> g_input_lines;
-// Both protocols and the command results print from several threads: one line at a time.
+std::deque<std::pair<std::uint64_t, std::string>> g_input_lines;
+std::uint64_t g_lines_read = 0;
+// Both protocols, the media notes and the command results print from several threads: one
+// line at a time.
 std::mutex g_print_mutex;
 
 void OnSignal(int) { g_signalled = 1; }
@@ -38,182 +50,112 @@ void PrintLine(std::FILE* out, std::string_view line) {
   std::fflush(out);
 }
 
+void QueueInputLine(std::string line) {
+  std::lock_guard lock(g_input_mutex);
+  g_input_lines.emplace_back(g_lines_read++, std::move(line));
+}
+
 bool TakeInputLine(std::string* line) {
   std::lock_guard lock(g_input_mutex);
   if (g_input_lines.empty()) return false;
-  *line = std::move(g_input_lines.front());
+  *line = std::move(g_input_lines.front().second);
   g_input_lines.pop_front();
   return true;
 }
 
-void Usage(std::FILE* out) {
-  std::fputs(
-      "usage: deskline-pbx [options]\n"
-      "  --port N                PTAP server port on 127.0.0.1 (default 9300, 0 = any)\n"
-      "  --result CODE           result code in the START answer, 0-255 (default 0)\n"
-      "  --keepalive S           keepalive timeout delivered to the terminal, 0-255 s (default "
-      "30)\n"
-      "  --keepalive-every MS    send keepalive requests this often, 0 = never (default 10000)\n"
-      "  --mgcp-pbx-port N       the call agent's MGCP port, delivered at START (default 2727,\n"
-      "                          0 = any)\n"
-      "  --mgcp-terminal-port N  MGCP port of the terminal delivered at START (default 2427)\n"
-      "  --no-agent              no call agent; START still delivers --mgcp-pbx-port\n"
-      "  --rsip-code CODE        answer the terminal's RSIP with this code (default 200)\n"
-      "  --rsip-delay MS         answer the RSIP this late (default 0)\n"
-      "  --rsip-never            never answer the RSIP\n"
-      "  --no-resend             the call agent sends each command once\n"
-      "  --script FILE           run the call agent commands in FILE, then read standard input\n"
-      "  --silent                answer and acknowledge nothing on PTAP\n"
-      "  --no-stdin              do not read commands from standard input, nor stop at its end\n"
-      "  -v, --verbose           print one line per datagram, PTAP and MGCP\n"
-      "  -h, --help              this text\n"
-      "\n",
-      out);
-  std::fputs(deskline::sim::AgentScript::Help(), out);
+std::uint64_t LinesRead() {
+  std::lock_guard lock(g_input_mutex);
+  return g_lines_read;
 }
 
-// The lines of a script file, or false if it cannot be read.
-bool ReadScript(const char* path, std::deque<std::string>* lines) {
-  std::ifstream in(path);
-  if (!in) return false;
-  std::string line;
-  while (std::getline(in, line)) lines->push_back(line);
-  return !in.bad();
+// A "quit" read from standard input while something waits ends the wait: taken out of the
+// queue. Only one read after the wait began (number `first` on) counts, so that a script
+// piped in whole waits as written and quits at its end.
+bool TakeQuitReadSince(std::uint64_t first) {
+  std::lock_guard lock(g_input_mutex);
+  for (auto it = g_input_lines.begin(); it != g_input_lines.end(); ++it) {
+    if (it->first < first) continue;
+    const std::string& text = it->second;
+    const std::size_t start = text.find_first_not_of(" \t");
+    if (start == std::string::npos) continue;
+    const std::size_t end = text.find_first_of(" \t\r", start);
+    const std::string word = text.substr(start, end == std::string::npos ? end : end - start);
+    if (word == "quit" || word == "exit") {
+      g_input_lines.erase(it);
+      return true;
+    }
+  }
+  return false;
 }
 
-// A whole decimal number within [min, max], or false.
-bool ParseNumber(const char* text, long min, long max, long* out) {
-  if (!text || !*text) return false;
-  char* end = nullptr;
-  errno = 0;
-  const long value = std::strtol(text, &end, 10);
-  if (errno != 0 || *end != '\0' || value < min || value > max) return false;
-  *out = value;
-  return true;
+std::string Seconds(std::chrono::milliseconds duration) {
+  char text[32];
+  std::snprintf(text, sizeof(text), "%g s", static_cast<double>(duration.count()) / 1000.0);
+  return text;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  using deskline::sim::AgentScript;
-  using deskline::sim::MgcpAgentAnswers;
-  using deskline::sim::MgcpAgentOptions;
-  using deskline::sim::PbxOptions;
-  using deskline::sim::PbxSimulator;
-  using deskline::sim::PtapAnswers;
-  using deskline::sim::ScriptStep;
+  using namespace deskline::sim;
 
-  PbxOptions options;
-  options.port = deskline::sim::kDefaultPtapPort;
-  // A demo runs for hours: keep the recent past only.
-  options.record_limit = 1000;
-  MgcpAgentOptions agent_options;
-  agent_options.port = 2727;
-  MgcpAgentAnswers agent_answers;
-  bool with_agent = true;
-  PtapAnswers answers;
-  long keepalive_every_ms = 10000;
-  bool verbose = false;
-  bool watch_stdin = true;
-  std::deque<std::string> script;
+  const PbxCommandLine cl = ParsePbxCommandLine(argc, argv);
+  if (cl.exit_code) {
+    std::fputs(cl.message.c_str(), *cl.exit_code == 0 ? stdout : stderr);
+    return *cl.exit_code;
+  }
 
-  for (int i = 1; i < argc; ++i) {
-    const std::string_view arg = argv[i];
-    const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
-    long number = 0;
-    auto take = [&](long min, long max) {
-      if (!ParseNumber(value, min, max, &number)) {
-        std::fprintf(stderr, "deskline-pbx: %s needs a number from %ld to %ld\n", argv[i], min,
-                     max);
-        std::exit(2);
-      }
-      ++i;
-    };
-    if (arg == "--port") {
-      take(0, 65535);
-      options.port = static_cast<std::uint16_t>(number);
-    } else if (arg == "--result") {
-      take(0, 255);
-      answers.start.result_code = static_cast<std::uint8_t>(number);
-    } else if (arg == "--keepalive") {
-      take(0, 255);
-      answers.start.keepalive_timeout_s = static_cast<std::uint8_t>(number);
-    } else if (arg == "--keepalive-every") {
-      take(0, 86'400'000);
-      keepalive_every_ms = number;
-    } else if (arg == "--mgcp-pbx-port") {
-      take(0, 65535);
-      answers.start.mgcp_pbx_port = static_cast<std::uint16_t>(number);
-      agent_options.port = static_cast<std::uint16_t>(number);
-    } else if (arg == "--no-agent") {
-      with_agent = false;
-    } else if (arg == "--rsip-code") {
-      take(0, 999);
-      agent_answers.rsip.code = static_cast<int>(number);
-    } else if (arg == "--rsip-delay") {
-      take(0, 86'400'000);
-      agent_answers.rsip.delay = std::chrono::milliseconds(number);
-    } else if (arg == "--rsip-never") {
-      agent_answers.rsip.answer = false;
-    } else if (arg == "--no-resend") {
-      agent_options.resend.max_resends = 0;
-    } else if (arg == "--script") {
-      if (!value) {
-        std::fprintf(stderr, "deskline-pbx: --script needs a file\n");
-        return 2;
-      }
-      if (!ReadScript(value, &script)) {
-        std::fprintf(stderr, "deskline-pbx: cannot read %s\n", value);
-        return 2;
-      }
-      ++i;
-    } else if (arg == "--mgcp-terminal-port") {
-      take(0, 65535);
-      answers.start.mgcp_terminal_port = static_cast<std::uint16_t>(number);
-    } else if (arg == "--silent") {
-      answers.silent = true;
-    } else if (arg == "--no-stdin") {
-      watch_stdin = false;
-    } else if (arg == "-v" || arg == "--verbose") {
-      verbose = true;
-    } else if (arg == "-h" || arg == "--help") {
-      Usage(stdout);
-      return 0;
-    } else {
-      std::fprintf(stderr, "deskline-pbx: unknown option %s\n", argv[i]);
-      Usage(stderr);
+  MediaOptions media_options;
+  if (!cl.media_wav.empty()) {
+    WavReadResult wav = ReadWavAs8kMono(cl.media_wav);
+    if (!wav.ok() || wav.samples.empty()) {
+      std::fprintf(stderr, "deskline-pbx: --media-wav %s: %s\n", cl.media_wav.c_str(),
+                   wav.ok() ? "no samples" : wav.error.c_str());
       return 2;
     }
+    media_options.source = SoundSource::Samples(std::move(wav.samples));
+  } else if (cl.media_silence) {
+    media_options.source = SoundSource::Silence();
+  } else {
+    media_options.source = SoundSource::Tone(cl.tone_hz, cl.level_dbfs);
   }
+  media_options.faults = cl.media_faults;
+  media_options.record_path = cl.record_path;
 
-  if (verbose) {
+  PbxOptions options = cl.options;
+  // A demo runs for hours: keep the recent past only.
+  options.record_limit = 1000;
+  if (cl.verbose) {
     options.print = [](std::string_view line) { PrintLine(stdout, line); };
   }
-  if (with_agent) options.mgcp = agent_options;
+  if (cl.with_agent) options.mgcp = cl.agent_options;
 
   PbxSimulator pbx(options);
-  pbx.SetAnswers(answers);
+  pbx.SetAnswers(cl.answers);
+  const std::vector<NetRule> signal_rules = SignalRules(cl);
+  for (const NetRule& rule : signal_rules) pbx.AddRule(rule);
   if (!pbx.Start()) {
     std::fprintf(stderr, "deskline-pbx: cannot bind 127.0.0.1:%u%s\n",
                  static_cast<unsigned>(options.port),
-                 with_agent ? " or the call agent's port" : "");
+                 cl.with_agent ? " or the call agent's port" : "");
     return 1;
   }
   std::fprintf(stderr, "deskline-pbx: PTAP on 127.0.0.1:%u\n", static_cast<unsigned>(pbx.port()));
-  deskline::sim::MgcpAgent* agent = pbx.mgcp();
+  MgcpAgent* agent = pbx.mgcp();
   if (agent) {
-    agent->SetAnswers(agent_answers);
+    agent->SetAnswers(cl.agent_answers);
+    for (const NetRule& rule : signal_rules) agent->AddRule(rule);
     std::fprintf(stderr, "deskline-pbx: MGCP call agent on 127.0.0.1:%u\n",
                  static_cast<unsigned>(agent->port()));
   }
-  if (keepalive_every_ms > 0) {
+  if (cl.keepalive_every_ms > 0) {
     // Keepalives go out once a terminal has made itself known.
-    pbx.StartKeepalives(std::chrono::milliseconds(keepalive_every_ms));
+    pbx.StartKeepalives(std::chrono::milliseconds(cl.keepalive_every_ms));
   }
 
   std::signal(SIGINT, OnSignal);
   std::signal(SIGTERM, OnSignal);
-  if (watch_stdin) {
+  if (cl.watch_stdin) {
     // A read of standard input cannot be released portably, so this reader is left to end
     // with the process; it touches nothing but objects of static storage.
     std::thread([] {
@@ -223,60 +165,134 @@ int main(int argc, char** argv) {
           line += static_cast<char>(c);
           continue;
         }
-        std::lock_guard lock(g_input_mutex);
-        g_input_lines.push_back(std::move(line));
+        QueueInputLine(std::move(line));
         line.clear();
       }
-      {
-        std::lock_guard lock(g_input_mutex);
-        if (!line.empty()) g_input_lines.push_back(std::move(line));
-      }
+      if (!line.empty()) QueueInputLine(std::move(line));
       g_input_ended = true;
     }).detach();
   }
 
+  // Declared after the simulator, so that they go before the agent they use.
+  std::optional<MediaChannel> media;
   std::optional<AgentScript> commands;
-  if (agent) commands.emplace(*agent);
-  auto run = [&](std::string_view line) {
+  if (agent) {
+    media.emplace(*agent, media_options, [](std::string_view line) { PrintLine(stdout, line); });
+    commands.emplace(*agent, &*media);
+  }
+  TerminalWatch watch(&pbx, agent, media ? &*media : nullptr, deskline::platform::RealClock());
+
+  bool quit = false;
+  bool typed_quit = false;
+  bool script_failed = false;
+  std::uint64_t wait_began_at_line = 0;  // lines read from standard input when a wait began
+  // Asked by every wait, every few milliseconds: moves the media along and says whether to
+  // stop waiting.
+  auto interrupted = [&] {
+    if (media) media->Poll();
+    if (g_signalled) return true;
+    if (TakeQuitReadSince(wait_began_at_line)) typed_quit = quit = true;
+    return quit;
+  };
+  auto pause = [&](std::chrono::milliseconds wait) {
+    wait_began_at_line = LinesRead();
+    const auto until = std::chrono::steady_clock::now() + wait;
+    while (!interrupted() && std::chrono::steady_clock::now() < until) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  };
+  // Runs one line. Returns why the script cannot go on, or an empty text.
+  auto execute = [&](std::string_view line) -> std::string {
     if (!commands) {
       if (line.find_first_not_of(" \t\r") != std::string_view::npos && line[0] != '#') {
         PrintLine(stderr, "deskline-pbx: no call agent (--no-agent); command ignored");
       }
-      return ScriptStep{};
+      return {};
     }
-    ScriptStep step = commands->Run(line);
+    if (media) media->Poll();
+    const ScriptStep step = commands->Run(line);
     if (!step.message.empty()) PrintLine(step.ok ? stdout : stderr, step.message);
-    return step;
-  };
-  auto pause = [](std::chrono::milliseconds wait) {
-    const auto until = std::chrono::steady_clock::now() + wait;
-    while (!g_signalled && std::chrono::steady_clock::now() < until) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    if (step.quit) quit = true;
+    if (step.bad_wait) return "a wait that cannot be carried out";
+    if (step.wait.count() > 0) pause(step.wait);
+    if (step.await) {
+      const std::string what = TerminalWatch::Describe(*step.await);
+      wait_began_at_line = LinesRead();
+      switch (watch.Wait(*step.await, interrupted)) {
+        case TerminalWatch::Outcome::kMet:
+          PrintLine(stdout, what + ": done");
+          break;
+        case TerminalWatch::Outcome::kTimedOut:
+          script_failed = true;
+          PrintLine(stderr, "deskline-pbx: " + what + " timed out after " +
+                                Seconds(step.await->timeout));
+          return what + " timed out";
+        case TerminalWatch::Outcome::kInterrupted:
+          return what + " was interrupted";
+      }
     }
+    return {};
   };
-  bool quit = false;
+
+  std::deque<std::string> script = cl.script;
+  std::size_t line_number = 0;
   while (!quit && !g_signalled && !script.empty()) {
-    const ScriptStep step = run(script.front());
+    const std::string line = std::move(script.front());
     script.pop_front();
-    quit = step.quit;
-    pause(step.wait);
+    ++line_number;
+    const std::string stop = execute(line);
+    if (!stop.empty()) {
+      script_failed = true;
+      PrintLine(stderr, "deskline-pbx: script stopped at line " + std::to_string(line_number) +
+                            " of " + *cl.script_path + ": " + stop);
+      break;
+    }
   }
-  for (;;) {
-    if (quit || g_signalled) break;
+  // A script cut short by a signal or a typed quit did not do what it meant to; its own quit
+  // ends it as planned.
+  if (!script.empty() && !script_failed && (g_signalled || typed_quit)) {
+    script_failed = true;
+    PrintLine(stderr, "deskline-pbx: script stopped at line " + std::to_string(line_number) +
+                          " of " + *cl.script_path);
+  }
+  // With --no-stdin a script is the whole session; without one the PBX serves until a signal.
+  const bool end_with_script = !cl.watch_stdin && cl.script_path.has_value();
+  while (!quit && !g_signalled && !end_with_script) {
     // Read before taking a line: the reader queues every line before it sets the flag, so
     // lines that came before the end of input are still run.
     const bool ended = g_input_ended;
     std::string line;
     if (TakeInputLine(&line)) {
-      const ScriptStep step = run(line);
-      quit = step.quit;
-      pause(step.wait);
+      execute(line);
       continue;
     }
-    if (ended) break;
+    if (cl.watch_stdin && ended) break;
+    if (media) media->Poll();
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
+
+  int exit_code = script_failed ? 3 : 0;
+  RunSummary summary;
+  summary.registered = watch.Registered();
+  summary.script_ok = !script_failed;
+  if (media) {
+    const std::string lines = media->Finish();
+    if (!lines.empty()) PrintLine(stdout, lines);
+    summary.media = media->Totals();
+  }
+  PrintLine(stdout, FormatSummaryLine(summary));
+  if (!cl.summary_path.empty()) {
+    std::ofstream out(cl.summary_path, std::ios::trunc);
+    out << FormatSummaryFile(summary);
+    out.close();
+    if (!out) {
+      PrintLine(stderr, "deskline-pbx: cannot write the summary to " + cl.summary_path);
+      if (exit_code == 0) exit_code = 1;
+    }
+  }
+  commands.reset();
+  media.reset();
   pbx.Stop();
   std::fprintf(stderr, "deskline-pbx: stopped\n");
-  return 0;
+  return exit_code;
 }

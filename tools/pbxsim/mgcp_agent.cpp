@@ -10,6 +10,18 @@ namespace {
 // Room for any UDP datagram, so that an oversized one is recorded whole, not cut.
 constexpr std::size_t kReceiveBytes = 65536;
 constexpr std::uint32_t kMaxTid = 999'999'999;
+// How long a terminal may resend one transaction (the protocol's transaction history).
+constexpr std::int64_t kRepeatWindowNs = 30'000'000'000;
+constexpr std::size_t kMaxRecentNtfys = 256;
+constexpr std::size_t kMaxEventNames = 1024;
+
+std::string Lower(std::string_view text) {
+  std::string out(text);
+  for (char& c : out) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return out;
+}
 
 std::string Commentary(const MgcpAnswer& answer) {
   if (answer.commentary) return *answer.commentary;
@@ -410,6 +422,9 @@ void MgcpAgent::HandleCommandLocked(const MgcpMessage& message) {
   switch (message.kind()) {
     case MgcpKind::kRsip:
       answer = &answers_.rsip;
+      if (!answers_.silent && answer->answer && answer->code >= 200 && answer->code <= 299) {
+        ++accepted_rsips_;
+      }
       break;
     case MgcpKind::kNtfy: {
       answer = &answers_.ntfy;
@@ -422,6 +437,7 @@ void MgcpAgent::HandleCommandLocked(const MgcpMessage& message) {
                                observed_events_.end() -
                                    static_cast<std::ptrdiff_t>(options_.record_limit));
       }
+      CountEventsLocked(message);
       break;
     }
     case MgcpKind::kDlcx:
@@ -433,6 +449,29 @@ void MgcpAgent::HandleCommandLocked(const MgcpMessage& message) {
       break;
   }
   AnswerLocked(*answer, message.tid);
+}
+
+void MgcpAgent::CountEventsLocked(const MgcpMessage& ntfy) {
+  const std::int64_t now = clock_.SteadyNs();
+  while (!recent_ntfys_.empty() && (now - recent_ntfys_.front().steady_ns > kRepeatWindowNs ||
+                                    recent_ntfys_.size() > kMaxRecentNtfys)) {
+    recent_ntfys_.pop_front();
+  }
+  for (const RecentNtfy& seen : recent_ntfys_) {
+    // The terminal resends an unanswered NTFY as it was: the same event once more is no
+    // new key press.
+    if (seen.tid == ntfy.tid && seen.events == ntfy.observed_events) return;
+  }
+  recent_ntfys_.push_back(RecentNtfy{ntfy.tid, ntfy.observed_events, now});
+  for (const std::string& event : ntfy.observed_events) {
+    std::string key = Lower(event);
+    const auto it = event_counts_.find(key);
+    if (it != event_counts_.end()) {
+      ++it->second;
+    } else if (event_counts_.size() < kMaxEventNames) {
+      event_counts_.emplace(std::move(key), 1);
+    }
+  }
 }
 
 void MgcpAgent::AnswerLocked(const MgcpAnswer& answer, std::uint32_t tid) {
@@ -579,6 +618,17 @@ std::vector<std::string> MgcpAgent::ObservedEvents() const {
   return observed_events_;
 }
 
+std::uint64_t MgcpAgent::EventCount(std::string_view event) const {
+  std::lock_guard lock(mutex_);
+  const auto it = event_counts_.find(Lower(event));
+  return it == event_counts_.end() ? 0 : it->second;
+}
+
+std::uint64_t MgcpAgent::AcceptedRsips() const {
+  std::lock_guard lock(mutex_);
+  return accepted_rsips_;
+}
+
 std::size_t MgcpAgent::unmatched_responses() const {
   std::lock_guard lock(mutex_);
   return unmatched_responses_;
@@ -650,6 +700,13 @@ bool MgcpAgent::WaitForFinal(std::uint32_t tid, std::chrono::milliseconds timeou
       },
       timeout);
   return state() == TransactionState::kAnswered;
+}
+
+std::string NotSentReason(const MgcpAgent& agent) {
+  if (!agent.running()) return "the call agent is not running";
+  if (!agent.terminal()) return "no terminal has made itself known yet";
+  if (agent.endpoint_name().empty()) return "the terminal's endpoint name is not known yet";
+  return "no call";
 }
 
 }  // namespace deskline::sim

@@ -192,6 +192,12 @@ class MgcpAgent {
   std::optional<std::string> LastObservedEvent() const;
   // Every observed event of every NTFY handled, in order, repeats included.
   std::vector<std::string> ObservedEvents() const;
+  // NTFYs that observed `event` ("X-P/fk0200", compared without regard to case) since the
+  // agent was made. A resent NTFY (a tid and events seen within the last 30 s) counts once.
+  // Kept apart from the records, which a record limit trims and ClearRecords empties.
+  std::uint64_t EventCount(std::string_view event) const;
+  // RSIPs answered with a 2xx code since the agent was made.
+  std::uint64_t AcceptedRsips() const;
   // Responses whose tid names no transaction of the agent.
   std::size_t unmatched_responses() const;
   std::optional<AgentCall> call() const;
@@ -218,6 +224,8 @@ class MgcpAgent {
   void HandleResponseLocked(const MgcpMessage& message);
   void HandleCommandLocked(const MgcpMessage& message);
   void AnswerLocked(const MgcpAnswer& answer, std::uint32_t tid);
+  // Counts the events of a new NTFY; a resend of one seen lately counts nothing.
+  void CountEventsLocked(const MgcpMessage& ntfy);
   // Numbers, records and sends one command built by `build` from its tid; 0 if not possible.
   std::uint32_t SendCommandLocked(std::string_view verb,
                                   const std::function<std::string(std::uint32_t)>& build);
@@ -258,7 +266,21 @@ class MgcpAgent {
   std::optional<std::string> last_observed_;
   std::vector<std::string> observed_events_;
   std::size_t unmatched_responses_ = 0;
+  // Distinct NTFYs per observed event, lower case; bounded so that a flood of made-up event
+  // names cannot grow it without end.
+  std::map<std::string, std::uint64_t> event_counts_;
+  struct RecentNtfy {
+    std::uint32_t tid = 0;
+    std::vector<std::string> events;
+    std::int64_t steady_ns = 0;
+  };
+  std::deque<RecentNtfy> recent_ntfys_;  // for telling a resend from a new NTFY
+  std::uint64_t accepted_rsips_ = 0;
   std::optional<std::int64_t> origin_ns_;
 };
+
+// Why a command of `agent` returned 0: "the call agent is not running", "no terminal has made
+// itself known yet", "the terminal's endpoint name is not known yet", or "no call".
+std::string NotSentReason(const MgcpAgent& agent);
 
 }  // namespace deskline::sim

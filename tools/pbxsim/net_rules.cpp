@@ -27,6 +27,12 @@ NetRule NetRule::Delay(Direction direction, std::optional<std::uint8_t> type, in
   return rule;
 }
 
+NetRule NetRule::Jitter(Direction direction, std::optional<std::uint8_t> type, int max_ms) {
+  NetRule rule = Delay(direction, type, 0);
+  rule.jitter_ms = std::clamp(max_ms, 0, kMaxDelayMs);
+  return rule;
+}
+
 NetRule NetRule::Duplicate(Direction direction, std::optional<std::uint8_t> type) {
   NetRule rule;
   rule.direction = direction;
@@ -71,7 +77,13 @@ Verdict NetRules::Apply(Direction direction, std::optional<std::uint8_t> type) {
         break;
       case NetRule::Action::kDelay: {
         // Rules may be filled in by hand: keep the sum within 0 .. a day whatever they say.
-        const int delay_ms = std::clamp(rule.delay_ms, 0, kMaxDelayMs);
+        int delay_ms = std::clamp(rule.delay_ms, 0, kMaxDelayMs);
+        const int jitter_ms = std::clamp(rule.jitter_ms, 0, kMaxDelayMs);
+        if (jitter_ms > 0) {
+          // Modulo of 64 random bits: the bias is far below anything a test could see.
+          const int drawn = static_cast<int>(random_() % (static_cast<std::uint64_t>(jitter_ms) + 1));
+          delay_ms = drawn > kMaxDelayMs - delay_ms ? kMaxDelayMs : delay_ms + drawn;
+        }
         verdict.delay_ms =
             delay_ms > kMaxDelayMs - verdict.delay_ms ? kMaxDelayMs : verdict.delay_ms + delay_ms;
         break;

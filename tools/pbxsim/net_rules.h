@@ -23,12 +23,15 @@ struct NetRule {
   std::optional<std::uint8_t> type;  // nullopt: every datagram, malformed ones too
   Action action = Action::kDrop;
   int delay_ms = 0;          // kDelay only
+  int jitter_ms = 0;         // kDelay only: a further 0 to jitter_ms, drawn per datagram
   std::uint32_t first = 1;   // the first matching datagram (counting from 1) acted upon
   std::uint32_t count = 0;   // how many are acted upon from `first`; 0 means all of them
   double probability = 1.0;  // below 1: acted upon only when the seeded draw says so
 
   static NetRule Drop(Direction direction, std::optional<std::uint8_t> type);
   static NetRule Delay(Direction direction, std::optional<std::uint8_t> type, int delay_ms);
+  // A delay drawn uniformly from 0 to `max_ms` for each datagram, from the seeded generator.
+  static NetRule Jitter(Direction direction, std::optional<std::uint8_t> type, int max_ms);
   static NetRule Duplicate(Direction direction, std::optional<std::uint8_t> type);
   // Narrows the rule to occurrences first .. first+count-1 (count 0: first and all after).
   NetRule& Occurrences(std::uint32_t first_occurrence, std::uint32_t how_many);

@@ -281,6 +281,11 @@ std::optional<TerminalStart> PbxSimulator::LastStart() const {
   return last_start_;
 }
 
+std::uint64_t PbxSimulator::Handled(std::uint8_t type) const {
+  std::lock_guard lock(mutex_);
+  return handled_[type];
+}
+
 void PbxSimulator::ClearRecords() {
   std::lock_guard lock(mutex_);
   records_.clear();
@@ -361,6 +366,7 @@ void PbxSimulator::HandleLocked(const std::vector<std::byte>& raw, platform::Udp
   // no ACK, and the sender's address is not learnt from them.
   if (!datagram.ok()) return;
   terminal_ = from;
+  ++handled_[datagram.type];
   if (datagram.type == kTypeAck) {
     terminal_acks_.push_back(datagram.tid);
     ++changes_;

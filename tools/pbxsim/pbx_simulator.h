@@ -190,6 +190,9 @@ class PbxSimulator {
   std::vector<std::uint32_t> TerminalAcks() const;
   bool Acknowledged(std::uint32_t tid) const;
   std::optional<TerminalStart> LastStart() const;
+  // Well-formed datagrams of `type` that reached the PBX (past the rules) since it was made.
+  // Kept apart from the records, which a record limit trims and ClearRecords empties.
+  std::uint64_t Handled(std::uint8_t type) const;
   // Clears the PTAP records, and the call agent's (MgcpAgent::ClearRecords) if there is one.
   void ClearRecords();
   // The steady time that record times in printed lines count from (the first Start).
@@ -243,6 +246,7 @@ class PbxSimulator {
   std::deque<Record> records_;
   std::uint64_t next_record_index_ = 0;
   std::vector<std::uint32_t> terminal_acks_;
+  std::array<std::uint64_t, 256> handled_{};  // by PTAP type
   std::optional<TerminalStart> last_start_;
   std::optional<std::int64_t> origin_ns_;
 };

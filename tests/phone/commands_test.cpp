@@ -186,6 +186,13 @@ TEST_F(RunnerFixture, WaitRingTimesOutThenTakesEachRingOnce) {
   const std::string end = "end";
   view.OnEvent(kEventEnd, std::as_bytes(std::span(end)));
   EXPECT_EQ(runner.Run(Parse("wait-end 1s")).kind, StepOutcome::Kind::kOk);
+  EXPECT_EQ(runner.Run(Parse("wait-end 1s")).kind, StepOutcome::Kind::kFailed)
+      << "an end event and media closed together are one ending";
+
+  // A PBX that only closes the voice path (a DLCX after a resumed hold) ends the call too.
+  view.OnEvent(kEventCodec, std::as_bytes(std::span(codec)));
+  view.OnEvent(kEventMediaClosed, {});
+  EXPECT_EQ(runner.Run(Parse("wait-end 1s")).kind, StepOutcome::Kind::kOk);
 }
 
 TEST_F(RunnerFixture, StopAndALostPbxEndWaitsEarly) {

@@ -238,7 +238,7 @@ const char* CommandHelp() {
          "  wait DURATION          pause, e.g. wait 3s, wait 500ms\n"
          "  wait-ring [TIMEOUT]    wait for a ring (default 60s)\n"
          "  wait-media [TIMEOUT]   wait until the voice path opens\n"
-         "  wait-end [TIMEOUT]     wait until the call ends\n"
+         "  wait-end [TIMEOUT]     wait until the call ends or its voice path closes\n"
          "  status | help | quit\n";
 }
 

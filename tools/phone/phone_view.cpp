@@ -17,13 +17,17 @@ std::string PhoneView::OnEvent(std::uint32_t code, std::span<const std::byte> da
       for (std::byte b : data) codec_.push_back(static_cast<char>(b));
       ++counts_.media_opened;
       media_active_ = true;
+      ended_since_open_ = false;
       break;
     }
+    // A PBX may end a call with an end event, or only by closing its voice path; one ending
+    // counts once, whichever comes first.
     case kEventMediaClosed:
       media_active_ = false;
-      break;
+      [[fallthrough]];
     case kEventEnd:
-      ++counts_.ends;
+      if (!ended_since_open_) ++counts_.ends;
+      ended_since_open_ = true;
       break;
     default:
       break;

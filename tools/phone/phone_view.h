@@ -52,6 +52,7 @@ class PhoneView {
   std::optional<std::uint32_t> active_key_;
   DisplayModel display_;
   std::atomic<bool> media_active_{false};
+  bool ended_since_open_ = false;  // an ending has been counted since the voice path opened
   std::atomic<bool> connection_lost_{false};
   std::atomic<bool> restart_demanded_{false};
 };

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -105,6 +106,8 @@ struct CodecCase {
   double tone_level_dbfs;  // what the PBX's -12 dBFS tone should measure at the phone
   double level_tolerance_db;
 };
+
+void PrintTo(const CodecCase& c, std::ostream* out) { *out << c.codec; }
 
 class DemoCall : public ::testing::TestWithParam<CodecCase> {};
 

@@ -2,13 +2,10 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <thread>
 
 namespace deskline::sim {
 namespace {
 
-// Room for any UDP datagram, so that an oversized one is recorded whole, not cut.
-constexpr std::size_t kReceiveBytes = 65536;
 constexpr std::uint32_t kMaxTid = 999'999'999;
 // How long a terminal may resend one transaction (the protocol's transaction history).
 constexpr std::int64_t kRepeatWindowNs = 30'000'000'000;
@@ -53,79 +50,24 @@ const TerminalResponse* MgcpTransaction::final_response() const {
   return nullptr;
 }
 
+namespace {
+
+SimChannelSetup ChannelSetup(const MgcpAgentOptions& options) {
+  return SimChannelSetup{Channel::kMgcp, "pbxsim-mgcp", options.ip, options.port, options.clock,
+                         options.seed, options.record_limit, options.print};
+}
+
+}  // namespace
+
 MgcpAgent::MgcpAgent(MgcpAgentOptions options)
-    : options_(std::move(options)),
-      clock_(options_.clock ? *options_.clock : platform::RealClock()),
-      scheduler_(clock_),
+    : SimChannel(ChannelSetup(options)),
+      options_(std::move(options)),
       resend_(options_.resend),
-      rules_(options_.seed),
       endpoint_name_(options_.endpoint),
       next_tid_(ValidTid(options_.first_tid)) {}
 
 MgcpAgent::~MgcpAgent() { Stop(); }
 
-bool MgcpAgent::Start() {
-  std::lock_guard life(life_mutex_);
-  if (socket_.is_open()) return false;
-  if (!socket_.Open({options_.ip, options_.port})) return false;
-  const std::optional<platform::UdpEndpoint> local = socket_.LocalEndpoint();
-  if (!local || !scheduler_.Start()) {
-    socket_.Close();
-    return false;
-  }
-  {
-    std::lock_guard lock(mutex_);
-    running_ = true;
-    bound_ = *local;
-    if (!origin_ns_) origin_ns_ = clock_.SteadyNs();
-  }
-  if (receive_thread_.Create("pbxsim-mgcp", [this](platform::ThreadId) { ReceiveLoop(); }) ==
-      0) {
-    {
-      std::lock_guard lock(mutex_);
-      running_ = false;
-      bound_ = {};
-    }
-    scheduler_.Stop();
-    socket_.Close();
-    return false;
-  }
-  receive_thread_.Resume();
-  return true;
-}
-
-void MgcpAgent::Stop() {
-  std::lock_guard life(life_mutex_);
-  if (!socket_.is_open()) return;
-  {
-    std::lock_guard lock(mutex_);
-    running_ = false;
-  }
-  // Shutting the socket down releases the blocked receive; the descriptor is closed only
-  // once nothing can use it any more.
-  socket_.Shutdown();
-  receive_thread_.Join();
-  scheduler_.Stop();
-  socket_.Close();
-  std::lock_guard lock(mutex_);
-  bound_ = {};
-  ChangedLocked();
-}
-
-bool MgcpAgent::running() const {
-  std::lock_guard lock(mutex_);
-  return running_;
-}
-
-platform::UdpEndpoint MgcpAgent::endpoint() const {
-  std::lock_guard lock(mutex_);
-  return bound_;
-}
-
-void MgcpAgent::SetOrigin(std::int64_t origin_ns) {
-  std::lock_guard lock(mutex_);
-  origin_ns_ = origin_ns;
-}
 
 void MgcpAgent::SetAnswers(const MgcpAgentAnswers& answers) {
   std::lock_guard lock(mutex_);
@@ -142,15 +84,6 @@ void MgcpAgent::SetResendPolicy(const ResendPolicy& policy) {
   resend_ = policy;
 }
 
-void MgcpAgent::AddRule(const NetRule& rule) {
-  std::lock_guard lock(mutex_);
-  rules_.Add(rule);
-}
-
-void MgcpAgent::ClearRules() {
-  std::lock_guard lock(mutex_);
-  rules_.Clear();
-}
 
 void MgcpAgent::SetTerminal(platform::UdpEndpoint terminal) {
   std::lock_guard lock(mutex_);
@@ -334,45 +267,6 @@ std::uint32_t MgcpAgent::TakeTidLocked() {
 
 // --- what arrives ---
 
-void MgcpAgent::ReceiveLoop() {
-  std::vector<std::byte> buffer(kReceiveBytes);
-  for (;;) {
-    platform::UdpEndpoint from;
-    const std::optional<std::size_t> length = socket_.Receive(buffer, &from);
-    if (!length) {
-      if (!running()) return;
-      // A transient socket error: try again, without spinning on it.
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      continue;
-    }
-    OnDatagram(std::vector<std::byte>(buffer.begin(),
-                                      buffer.begin() + static_cast<std::ptrdiff_t>(*length)),
-               from);
-  }
-}
-
-void MgcpAgent::OnDatagram(std::vector<std::byte> raw, platform::UdpEndpoint from) {
-  std::lock_guard lock(mutex_);
-  if (!running_) return;
-  const Verdict verdict = rules_.Apply(Direction::kIn, MgcpRuleType(raw));
-  const Fate fate =
-      verdict.drop ? Fate::kDropped : (verdict.delay_ms > 0 ? Fate::kDelayed : Fate::kPassed);
-  RecordLocked(Direction::kIn, fate, verdict.delay_ms, from, raw);
-  if (verdict.drop) return;
-  if (verdict.duplicate)
-    RecordLocked(Direction::kIn, Fate::kDuplicate, verdict.delay_ms, from, raw);
-  const int copies = verdict.duplicate ? 2 : 1;
-  if (verdict.delay_ms > 0) {
-    scheduler_.After(std::chrono::milliseconds(verdict.delay_ms),
-                     [this, raw = std::move(raw), from, copies] {
-                       std::lock_guard task_lock(mutex_);
-                       if (!running_) return;
-                       for (int i = 0; i < copies; ++i) HandleLocked(raw, from);
-                     });
-    return;
-  }
-  for (int i = 0; i < copies; ++i) HandleLocked(raw, from);
-}
 
 void MgcpAgent::HandleLocked(const std::vector<std::byte>& raw, platform::UdpEndpoint from) {
   const MgcpMessage message = DecodeMgcp(raw);
@@ -489,67 +383,15 @@ void MgcpAgent::AnswerLocked(const MgcpAnswer& answer, std::uint32_t tid) {
 
 // --- the wire ---
 
-bool MgcpAgent::EmitLocked(std::vector<std::byte> datagram) {
-  if (!running_ || !terminal_) return false;
-  const platform::UdpEndpoint to = *terminal_;
-  const Verdict verdict = rules_.Apply(Direction::kOut, MgcpRuleType(datagram));
-  if (verdict.drop) {
-    RecordLocked(Direction::kOut, Fate::kDropped, 0, to, datagram);
-    return true;
-  }
-  const bool duplicate = verdict.duplicate;
-  if (verdict.delay_ms > 0) {
-    const int delay_ms = verdict.delay_ms;
-    return scheduler_.After(std::chrono::milliseconds(delay_ms),
-                            [this, datagram = std::move(datagram), to, duplicate, delay_ms] {
-                              std::lock_guard task_lock(mutex_);
-                              if (!running_) return;
-                              WriteLocked(datagram, to, Fate::kDelayed, delay_ms);
-                              if (duplicate) WriteLocked(datagram, to, Fate::kDuplicate, delay_ms);
-                            }) != 0;
-  }
-  WriteLocked(datagram, to, Fate::kPassed, 0);
-  if (duplicate) WriteLocked(datagram, to, Fate::kDuplicate, 0);
-  return true;
+std::optional<std::uint8_t> MgcpAgent::RuleType(std::span<const std::byte> datagram) const {
+  return MgcpRuleType(datagram);
 }
 
-void MgcpAgent::WriteLocked(const std::vector<std::byte>& datagram, platform::UdpEndpoint to,
-                            Fate fate, int delay_ms) {
-  const bool sent = socket_.SendTo(datagram, to);
-  RecordLocked(Direction::kOut, sent ? fate : Fate::kSendFailed, delay_ms, to, datagram);
-}
+void MgcpAgent::Decode(Record& record) const { record.mgcp = DecodeMgcp(record.raw); }
 
-void MgcpAgent::RecordLocked(Direction direction, Fate fate, int delay_ms,
-                             platform::UdpEndpoint peer, const std::vector<std::byte>& raw) {
-  Record record;
-  record.index = next_record_index_++;
-  record.steady_ns = clock_.SteadyNs();
-  record.channel = Channel::kMgcp;
-  record.direction = direction;
-  record.fate = fate;
-  record.delay_ms = delay_ms;
-  record.peer = peer;
-  record.raw = raw;
-  record.mgcp = DecodeMgcp(raw);
-  if (options_.print) options_.print(FormatRecord(record, origin_ns_.value_or(0)));
-  records_.push_back(std::move(record));
-  if (options_.record_limit != 0) {
-    while (records_.size() > options_.record_limit) records_.pop_front();
-  }
-  ChangedLocked();
-}
-
-void MgcpAgent::ChangedLocked() {
-  ++changes_;
-  changed_.notify_all();
-}
 
 // --- recording ---
 
-std::vector<Record> MgcpAgent::Records() const {
-  std::lock_guard lock(mutex_);
-  return std::vector<Record>(records_.begin(), records_.end());
-}
 
 std::size_t MgcpAgent::Count(Direction direction, std::optional<MgcpKind> kind) const {
   std::lock_guard lock(mutex_);
@@ -653,21 +495,6 @@ void MgcpAgent::ClearRecords() {
   ChangedLocked();
 }
 
-bool MgcpAgent::WaitFor(const std::function<bool()>& predicate,
-                        std::chrono::milliseconds timeout) const {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  std::unique_lock lock(mutex_);
-  for (;;) {
-    const std::uint64_t seen = changes_;
-    lock.unlock();
-    if (predicate()) return true;
-    lock.lock();
-    if (!changed_.wait_until(lock, deadline, [&] { return changes_ != seen; })) {
-      lock.unlock();
-      return predicate();
-    }
-  }
-}
 
 bool MgcpAgent::WaitForCount(Direction direction, std::optional<MgcpKind> kind,
                              std::size_t count, std::chrono::milliseconds timeout) const {

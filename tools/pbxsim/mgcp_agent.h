@@ -15,7 +15,6 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -34,6 +33,7 @@
 #include "tools/pbxsim/net_rules.h"
 #include "tools/pbxsim/record.h"
 #include "tools/pbxsim/scheduler.h"
+#include "tools/pbxsim/sim_channel.h"
 
 namespace deskline::sim {
 
@@ -117,33 +117,21 @@ struct AgentCall {
   ConnectionMode mode = ConnectionMode::kSendRecv;
 };
 
-class MgcpAgent {
+class MgcpAgent final : public SimChannel {
  public:
   explicit MgcpAgent(MgcpAgentOptions options = {});
-  ~MgcpAgent();  // Stop
+  ~MgcpAgent() override;  // Stop
   MgcpAgent(const MgcpAgent&) = delete;
   MgcpAgent& operator=(const MgcpAgent&) = delete;
-
-  // Binds the socket and starts the threads. False if the port is taken, the threads cannot
-  // be made, or it is already running (then nothing changes).
-  bool Start();
-  // Ends and joins the threads and closes the socket. Late answers, delayed datagrams and
-  // resends not yet due are dropped; records and transactions stay. Safe to repeat.
-  void Stop();
-  bool running() const;
-  // The bound address; port 0 while stopped.
-  platform::UdpEndpoint endpoint() const;
-  std::uint16_t port() const { return endpoint().port; }
-  // The steady time that printed lines count from; the first Start unless set.
-  void SetOrigin(std::int64_t origin_ns);
+  // Start, Stop, endpoint, SetOrigin, AddRule, Records and WaitFor come from SimChannel. Stop
+  // drops late answers and resends not yet due; transactions stay. WaitFor also wakes when a
+  // transaction changes.
 
   // --- behaviour ---
   void SetAnswers(const MgcpAgentAnswers& answers);
   MgcpAgentAnswers answers() const;
   void SetResendPolicy(const ResendPolicy& policy);
-  // Rules whose `type` is an MgcpKind (nullopt: every datagram, malformed ones too).
-  void AddRule(const NetRule& rule);
-  void ClearRules();
+  // AddRule: a rule's `type` is an MgcpKind.
   void SetTerminal(platform::UdpEndpoint terminal);
   // Sets the terminal only when none is known yet.
   void SuggestTerminal(platform::UdpEndpoint terminal);
@@ -175,8 +163,7 @@ class MgcpAgent {
   // Exactly these bytes, neither tracked nor resent. False if nothing went out.
   bool SendRaw(std::span<const std::byte> datagram);
 
-  // --- recording ---
-  std::vector<Record> Records() const;
+  // --- recording (and Records) ---
   // Records in `direction` of `kind` (nullopt: any, malformed included), whatever their fate.
   std::size_t Count(Direction direction, std::optional<MgcpKind> kind) const;
   // The terminal's well-formed commands with this verb, in order of arrival, every copy.
@@ -203,10 +190,6 @@ class MgcpAgent {
   std::optional<AgentCall> call() const;
   void ClearRecords();
 
-  // Waits until `predicate` holds, looking again whenever something is recorded or a
-  // transaction changes. The predicate runs without the agent's lock, so it may call the
-  // accessors above. Waits in real time; true if it held before `timeout`.
-  bool WaitFor(const std::function<bool()>& predicate, std::chrono::milliseconds timeout) const;
   bool WaitForCount(Direction direction, std::optional<MgcpKind> kind, std::size_t count,
                     std::chrono::milliseconds timeout) const;
   // Until `count` well-formed commands with this verb have come from the terminal.
@@ -218,9 +201,9 @@ class MgcpAgent {
   bool WaitForFinal(std::uint32_t tid, std::chrono::milliseconds timeout) const;
 
  private:
-  void ReceiveLoop();
-  void OnDatagram(std::vector<std::byte> raw, platform::UdpEndpoint from);
-  void HandleLocked(const std::vector<std::byte>& raw, platform::UdpEndpoint from);
+  std::optional<std::uint8_t> RuleType(std::span<const std::byte> datagram) const override;
+  void Decode(Record& record) const override;
+  void HandleLocked(const std::vector<std::byte>& raw, platform::UdpEndpoint from) override;
   void HandleResponseLocked(const MgcpMessage& message);
   void HandleCommandLocked(const MgcpMessage& message);
   void AnswerLocked(const MgcpAnswer& answer, std::uint32_t tid);
@@ -231,38 +214,17 @@ class MgcpAgent {
                                   const std::function<std::string(std::uint32_t)>& build);
   void ResendTick(std::uint32_t tid, std::int64_t due_ns);
   std::chrono::milliseconds PeriodLocked(int resends) const;
-  bool EmitLocked(std::vector<std::byte> datagram);
-  void WriteLocked(const std::vector<std::byte>& datagram, platform::UdpEndpoint to, Fate fate,
-                   int delay_ms);
-  void RecordLocked(Direction direction, Fate fate, int delay_ms, platform::UdpEndpoint peer,
-                    const std::vector<std::byte>& raw);
-  void ChangedLocked();
   std::uint32_t TakeTidLocked();
 
   const MgcpAgentOptions options_;
-  platform::Clock& clock_;
-  Scheduler scheduler_;
-  platform::UdpSocket socket_;
-  platform::Thread receive_thread_;
-
-  std::mutex life_mutex_;  // serialises Start and Stop; never taken under mutex_
-  mutable std::mutex mutex_;
-  mutable std::condition_variable changed_;
-  std::uint64_t changes_ = 0;  // bumped with every change, so waiters know to look again
-  bool running_ = false;
-  platform::UdpEndpoint bound_;
   MgcpAgentAnswers answers_;
   ResendPolicy resend_;
-  NetRules rules_;
-  std::optional<platform::UdpEndpoint> terminal_;
   std::string endpoint_name_;
   std::uint32_t next_tid_;
   std::uint32_t next_request_id_ = 1;
   std::uint32_t next_call_ = 1;
   std::map<std::uint32_t, MgcpTransaction> transactions_;
   std::optional<AgentCall> call_;
-  std::deque<Record> records_;
-  std::uint64_t next_record_index_ = 0;
   std::optional<std::string> last_observed_;
   std::vector<std::string> observed_events_;
   std::size_t unmatched_responses_ = 0;
@@ -276,7 +238,6 @@ class MgcpAgent {
   };
   std::deque<RecentNtfy> recent_ntfys_;  // for telling a resend from a new NTFY
   std::uint64_t accepted_rsips_ = 0;
-  std::optional<std::int64_t> origin_ns_;
 };
 
 // Why a command of `agent` returned 0: "the call agent is not running", "no terminal has made

@@ -1,13 +1,10 @@
 #include "tools/pbxsim/pbx_simulator.h"
 
 #include <algorithm>
-#include <thread>
 
 namespace deskline::sim {
 namespace {
 
-// Room for any UDP datagram, so that an oversized one is recorded whole, not cut.
-constexpr std::size_t kReceiveBytes = 65536;
 constexpr std::uint32_t kMaxTid = 0x00FFFFFF;
 constexpr std::size_t kExtendedResponseBytes = 32;
 // Fifteen bytes of model descriptor in the extended response; the terminal does not judge it.
@@ -70,90 +67,34 @@ std::unique_ptr<MgcpAgent> MakeAgent(const PbxOptions& options) {
   return std::make_unique<MgcpAgent>(std::move(agent));
 }
 
+SimChannelSetup ChannelSetup(const PbxOptions& options) {
+  return SimChannelSetup{Channel::kPtap, "pbxsim-ptap", options.ip, options.port, options.clock,
+                         options.seed, options.record_limit, options.print};
+}
+
 }  // namespace
 
 PbxSimulator::PbxSimulator(PbxOptions options)
-    : options_(std::move(options)),
-      clock_(options_.clock ? *options_.clock : platform::RealClock()),
-      agent_(MakeAgent(options_)),
-      scheduler_(clock_),
-      rules_(options_.seed) {}
+    : SimChannel(ChannelSetup(options)), options_(std::move(options)), agent_(MakeAgent(options_)) {}
 
 PbxSimulator::~PbxSimulator() { Stop(); }
 
-bool PbxSimulator::Start() {
-  std::lock_guard life(life_mutex_);
-  if (socket_.is_open()) return false;
-  if (!socket_.Open({options_.ip, options_.port})) return false;
-  const std::optional<platform::UdpEndpoint> local = socket_.LocalEndpoint();
-  if (!local || !scheduler_.Start()) {
-    socket_.Close();
-    return false;
-  }
-  {
-    std::lock_guard lock(mutex_);
-    if (!origin_ns_) origin_ns_ = clock_.SteadyNs();
-  }
-  if (agent_) {
-    agent_->SetOrigin(origin_ns());
-    if (!agent_->Start()) {
-      scheduler_.Stop();
-      socket_.Close();
-      return false;
-    }
-  }
-  {
-    std::lock_guard lock(mutex_);
-    running_ = true;
-    bound_ = *local;
-    agent_port_ = agent_ ? agent_->port() : 0;
-  }
-  if (receive_thread_.Create("pbxsim-ptap",
-                             [this](platform::ThreadId self) { ReceiveLoop(self); }) == 0) {
-    {
-      std::lock_guard lock(mutex_);
-      running_ = false;
-      bound_ = {};
-      agent_port_ = 0;
-    }
-    if (agent_) agent_->Stop();
-    scheduler_.Stop();
-    socket_.Close();
-    return false;
-  }
-  receive_thread_.Resume();
+bool PbxSimulator::StartNeighbours() {
+  if (!agent_) return true;
+  agent_->SetOrigin(origin_ns());
+  if (!agent_->Start()) return false;
+  std::lock_guard lock(mutex_);
+  agent_port_ = agent_->port();
   return true;
 }
 
-void PbxSimulator::Stop() {
-  std::lock_guard life(life_mutex_);
-  if (!socket_.is_open()) return;
-  {
-    std::lock_guard lock(mutex_);
-    running_ = false;
-    ++keepalive_series_;
-  }
-  // Shutting the socket down releases the blocked receive; the descriptor is closed only
-  // once nothing can use it any more.
-  socket_.Shutdown();
-  receive_thread_.Join();
-  scheduler_.Stop();
-  socket_.Close();
+void PbxSimulator::StopNeighbours() {
   if (agent_) agent_->Stop();
   std::lock_guard lock(mutex_);
-  bound_ = {};
   agent_port_ = 0;
 }
 
-bool PbxSimulator::running() const {
-  std::lock_guard lock(mutex_);
-  return running_;
-}
-
-platform::UdpEndpoint PbxSimulator::endpoint() const {
-  std::lock_guard lock(mutex_);
-  return bound_;
-}
+void PbxSimulator::StoppingLocked() { ++keepalive_series_; }
 
 void PbxSimulator::SetAnswers(const PtapAnswers& answers) {
   std::lock_guard lock(mutex_);
@@ -170,15 +111,6 @@ void PbxSimulator::SetSilent(bool silent) {
   answers_.silent = silent;
 }
 
-void PbxSimulator::AddRule(const NetRule& rule) {
-  std::lock_guard lock(mutex_);
-  rules_.Add(rule);
-}
-
-void PbxSimulator::ClearRules() {
-  std::lock_guard lock(mutex_);
-  rules_.Clear();
-}
 
 void PbxSimulator::SetTerminal(platform::UdpEndpoint terminal) {
   std::lock_guard lock(mutex_);
@@ -253,10 +185,6 @@ bool PbxSimulator::SendRaw(std::span<const std::byte> datagram) {
   return EmitLocked(std::vector<std::byte>(datagram.begin(), datagram.end()));
 }
 
-std::vector<Record> PbxSimulator::Records() const {
-  std::lock_guard lock(mutex_);
-  return std::vector<Record>(records_.begin(), records_.end());
-}
 
 std::size_t PbxSimulator::Count(Direction direction, std::optional<std::uint8_t> type) const {
   std::lock_guard lock(mutex_);
@@ -294,71 +222,13 @@ void PbxSimulator::ClearRecords() {
   if (agent_) agent_->ClearRecords();
 }
 
-std::int64_t PbxSimulator::origin_ns() const {
-  std::lock_guard lock(mutex_);
-  return origin_ns_.value_or(0);
-}
 
-bool PbxSimulator::WaitFor(const std::function<bool()>& predicate,
-                           std::chrono::milliseconds timeout) const {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  std::unique_lock lock(mutex_);
-  for (;;) {
-    const std::uint64_t seen = changes_;
-    lock.unlock();
-    if (predicate()) return true;
-    lock.lock();
-    if (!changed_.wait_until(lock, deadline, [&] { return changes_ != seen; })) {
-      lock.unlock();
-      return predicate();
-    }
-  }
-}
 
 bool PbxSimulator::WaitForCount(Direction direction, std::optional<std::uint8_t> type,
                                 std::size_t count, std::chrono::milliseconds timeout) const {
   return WaitFor([&] { return Count(direction, type) >= count; }, timeout);
 }
 
-void PbxSimulator::ReceiveLoop(platform::ThreadId) {
-  std::vector<std::byte> buffer(kReceiveBytes);
-  for (;;) {
-    platform::UdpEndpoint from;
-    const std::optional<std::size_t> length = socket_.Receive(buffer, &from);
-    if (!length) {
-      if (!running()) return;
-      // A transient socket error: try again, without spinning on it.
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      continue;
-    }
-    OnDatagram(std::vector<std::byte>(buffer.begin(),
-                                      buffer.begin() + static_cast<std::ptrdiff_t>(*length)),
-               from);
-  }
-}
-
-void PbxSimulator::OnDatagram(std::vector<std::byte> raw, platform::UdpEndpoint from) {
-  std::lock_guard lock(mutex_);
-  if (!running_) return;
-  const Verdict verdict = rules_.Apply(Direction::kIn, PtapType(raw));
-  const Fate fate =
-      verdict.drop ? Fate::kDropped : (verdict.delay_ms > 0 ? Fate::kDelayed : Fate::kPassed);
-  RecordLocked(Direction::kIn, fate, verdict.delay_ms, from, raw);
-  if (verdict.drop) return;
-  if (verdict.duplicate)
-    RecordLocked(Direction::kIn, Fate::kDuplicate, verdict.delay_ms, from, raw);
-  const int copies = verdict.duplicate ? 2 : 1;
-  if (verdict.delay_ms > 0) {
-    scheduler_.After(std::chrono::milliseconds(verdict.delay_ms),
-                     [this, raw = std::move(raw), from, copies] {
-                       std::lock_guard task_lock(mutex_);
-                       if (!running_) return;
-                       for (int i = 0; i < copies; ++i) HandleLocked(raw, from);
-                     });
-    return;
-  }
-  for (int i = 0; i < copies; ++i) HandleLocked(raw, from);
-}
 
 void PbxSimulator::HandleLocked(const std::vector<std::byte>& raw, platform::UdpEndpoint from) {
   const PtapDatagram datagram = DecodePtap(raw);
@@ -369,8 +239,7 @@ void PbxSimulator::HandleLocked(const std::vector<std::byte>& raw, platform::Udp
   ++handled_[datagram.type];
   if (datagram.type == kTypeAck) {
     terminal_acks_.push_back(datagram.tid);
-    ++changes_;
-    changed_.notify_all();
+    ChangedLocked();
     return;
   }
   if (answers_.silent) return;
@@ -471,62 +340,19 @@ std::uint32_t PbxSimulator::TakeTidLocked() {
   return tid;
 }
 
-bool PbxSimulator::EmitLocked(std::vector<std::byte> datagram) {
-  if (!running_ || !terminal_) return false;
-  const platform::UdpEndpoint to = *terminal_;
-  const Verdict verdict = rules_.Apply(Direction::kOut, PtapType(datagram));
-  if (verdict.drop) {
-    RecordLocked(Direction::kOut, Fate::kDropped, 0, to, datagram);
-    return true;
-  }
-  const bool duplicate = verdict.duplicate;
-  if (verdict.delay_ms > 0) {
-    const int delay_ms = verdict.delay_ms;
-    return scheduler_.After(std::chrono::milliseconds(delay_ms),
-                            [this, datagram = std::move(datagram), to, duplicate, delay_ms] {
-                              std::lock_guard task_lock(mutex_);
-                              if (!running_) return;
-                              WriteLocked(datagram, to, Fate::kDelayed, delay_ms);
-                              if (duplicate) WriteLocked(datagram, to, Fate::kDuplicate, delay_ms);
-                            }) != 0;
-  }
-  WriteLocked(datagram, to, Fate::kPassed, 0);
-  if (duplicate) WriteLocked(datagram, to, Fate::kDuplicate, 0);
-  return true;
+std::optional<std::uint8_t> PbxSimulator::RuleType(std::span<const std::byte> datagram) const {
+  return PtapType(datagram);
 }
 
-void PbxSimulator::WriteLocked(const std::vector<std::byte>& datagram, platform::UdpEndpoint to,
-                               Fate fate, int delay_ms) {
-  const bool sent = socket_.SendTo(datagram, to);
-  RecordLocked(Direction::kOut, sent ? fate : Fate::kSendFailed, delay_ms, to, datagram);
-}
+void PbxSimulator::Decode(Record& record) const { record.decoded = DecodePtap(record.raw); }
 
-void PbxSimulator::RecordLocked(Direction direction, Fate fate, int delay_ms,
-                                platform::UdpEndpoint peer, const std::vector<std::byte>& raw) {
-  Record record;
-  record.index = next_record_index_++;
-  record.steady_ns = clock_.SteadyNs();
-  record.channel = Channel::kPtap;
-  record.direction = direction;
-  record.fate = fate;
-  record.delay_ms = delay_ms;
-  record.peer = peer;
-  record.raw = raw;
-  record.decoded = DecodePtap(raw);
-  if (options_.print) options_.print(FormatRecord(record, origin_ns_.value_or(0)));
-  records_.push_back(std::move(record));
-  if (options_.record_limit != 0) {
-    while (records_.size() > options_.record_limit) records_.pop_front();
-    // The ACK list would otherwise grow with every keepalive of a long demo run.
-    if (terminal_acks_.size() > options_.record_limit) {
-      terminal_acks_.erase(
-          terminal_acks_.begin(),
-          terminal_acks_.begin() +
-              static_cast<std::ptrdiff_t>(terminal_acks_.size() - options_.record_limit));
-    }
+void PbxSimulator::TrimLocked(std::size_t record_limit) {
+  // The ACK list would otherwise grow with every keepalive of a long demo run.
+  if (terminal_acks_.size() > record_limit) {
+    terminal_acks_.erase(terminal_acks_.begin(),
+                         terminal_acks_.begin() +
+                             static_cast<std::ptrdiff_t>(terminal_acks_.size() - record_limit));
   }
-  ++changes_;
-  changed_.notify_all();
 }
 
 }  // namespace deskline::sim

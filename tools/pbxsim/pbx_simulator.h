@@ -13,7 +13,6 @@
 
 #include <array>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -32,6 +31,7 @@
 #include "tools/pbxsim/ptap_wire.h"
 #include "tools/pbxsim/record.h"
 #include "tools/pbxsim/scheduler.h"
+#include "tools/pbxsim/sim_channel.h"
 
 namespace deskline::sim {
 
@@ -131,23 +131,15 @@ struct PbxOptions {
   std::optional<MgcpAgentOptions> mgcp;
 };
 
-class PbxSimulator {
+class PbxSimulator final : public SimChannel {
  public:
   explicit PbxSimulator(PbxOptions options = {});
-  ~PbxSimulator();  // Stop
+  ~PbxSimulator() override;  // Stop
   PbxSimulator(const PbxSimulator&) = delete;
   PbxSimulator& operator=(const PbxSimulator&) = delete;
 
-  // Binds the socket (and the call agent's) and starts the threads. False if a port is
-  // taken, the threads cannot be made, or it is already running (then nothing changes).
-  bool Start();
-  // Ends and joins the threads and closes the socket; the same for the call agent. Delayed
-  // datagrams not yet due are dropped; the records stay. Safe to repeat; Start may follow.
-  void Stop();
-  bool running() const;
-  // The bound address; port 0 while stopped.
-  platform::UdpEndpoint endpoint() const;
-  std::uint16_t port() const { return endpoint().port; }
+  // Start, Stop, endpoint, AddRule, Records and WaitFor come from SimChannel; the call agent
+  // starts and stops with the PTAP side. AddRule: a rule's `type` is a PTAP type.
   // The MGCP call agent, or null when PbxOptions::mgcp was not set. It lives as long as the
   // simulator; its own operations are thread-safe.
   MgcpAgent* mgcp() const { return agent_.get(); }
@@ -156,8 +148,6 @@ class PbxSimulator {
   void SetAnswers(const PtapAnswers& answers);
   PtapAnswers answers() const;
   void SetSilent(bool silent);
-  void AddRule(const NetRule& rule);
-  void ClearRules();
   // Where the PBX sends; otherwise learnt from every well-formed datagram that arrives.
   void SetTerminal(platform::UdpEndpoint terminal);
   std::optional<platform::UdpEndpoint> terminal() const;
@@ -183,7 +173,6 @@ class PbxSimulator {
   bool SendRaw(std::span<const std::byte> datagram);
 
   // --- recording ---
-  std::vector<Record> Records() const;
   // Records in `direction` of `type` (nullopt: any, malformed included), whatever their fate.
   std::size_t Count(Direction direction, std::optional<std::uint8_t> type) const;
   // The tids of the terminal's ACKs, in order of arrival, repeats included.
@@ -195,60 +184,36 @@ class PbxSimulator {
   std::uint64_t Handled(std::uint8_t type) const;
   // Clears the PTAP records, and the call agent's (MgcpAgent::ClearRecords) if there is one.
   void ClearRecords();
-  // The steady time that record times in printed lines count from (the first Start).
-  std::int64_t origin_ns() const;
 
-  // Waits until `predicate` holds, looking again whenever something is recorded. The
-  // predicate runs without the simulator's lock, so it may call the accessors above. Waits in
-  // real time (datagrams arrive in real time); true if it held before `timeout`.
-  bool WaitFor(const std::function<bool()>& predicate, std::chrono::milliseconds timeout) const;
   bool WaitForCount(Direction direction, std::optional<std::uint8_t> type, std::size_t count,
                     std::chrono::milliseconds timeout) const;
 
  private:
-  void ReceiveLoop(platform::ThreadId self);
-  void OnDatagram(std::vector<std::byte> raw, platform::UdpEndpoint from);
+  std::optional<std::uint8_t> RuleType(std::span<const std::byte> datagram) const override;
+  void Decode(Record& record) const override;
   // The PBX's reaction to one datagram that reached it. Lock held.
-  void HandleLocked(const std::vector<std::byte>& raw, platform::UdpEndpoint from);
+  void HandleLocked(const std::vector<std::byte>& raw, platform::UdpEndpoint from) override;
+  void TrimLocked(std::size_t record_limit) override;
+  bool StartNeighbours() override;
+  void StopNeighbours() override;
+  void StoppingLocked() override;
   void AnswerStartLocked(const PtapDatagram& start);
   std::vector<WireElement> StartAnswerElementsLocked(bool terminal_extended) const;
   std::uint32_t SendNumberedLocked(std::uint8_t type, std::span<const WireElement> elements);
-  // Passes one outgoing datagram through the rules and onto the wire. Lock held.
-  bool EmitLocked(std::vector<std::byte> datagram);
-  void WriteLocked(const std::vector<std::byte>& datagram, platform::UdpEndpoint to, Fate fate,
-                   int delay_ms);
-  void RecordLocked(Direction direction, Fate fate, int delay_ms, platform::UdpEndpoint peer,
-                    const std::vector<std::byte>& raw);
   std::uint32_t TakeTidLocked();
   void KeepaliveTick(std::uint64_t series, std::int64_t due_ns);
 
   const PbxOptions options_;
-  platform::Clock& clock_;
   // Locked after mutex_ where both are held, never before: the agent never calls back here.
   const std::unique_ptr<MgcpAgent> agent_;
-  Scheduler scheduler_;
-  platform::UdpSocket socket_;
-  platform::Thread receive_thread_;
-
-  std::mutex life_mutex_;  // serialises Start and Stop; never taken under mutex_
-  mutable std::mutex mutex_;
-  mutable std::condition_variable changed_;
-  std::uint64_t changes_ = 0;  // bumped with every record, so waiters know to look again
-  bool running_ = false;
-  platform::UdpEndpoint bound_;
   std::uint16_t agent_port_ = 0;  // the call agent's bound port while running
   PtapAnswers answers_;
-  NetRules rules_;
-  std::optional<platform::UdpEndpoint> terminal_;
   std::uint32_t next_tid_ = 1;
   std::uint64_t keepalive_series_ = 0;  // a new number stops the previous periodic series
   std::chrono::milliseconds keepalive_period_{0};
-  std::deque<Record> records_;
-  std::uint64_t next_record_index_ = 0;
   std::vector<std::uint32_t> terminal_acks_;
   std::array<std::uint64_t, 256> handled_{};  // by PTAP type
   std::optional<TerminalStart> last_start_;
-  std::optional<std::int64_t> origin_ns_;
 };
 
 }  // namespace deskline::sim

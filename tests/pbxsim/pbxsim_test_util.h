@@ -1,4 +1,4 @@
-// A raw terminal on loopback and datagrams written out from the protocol's byte figures,
+// A raw terminal on loopback, and datagrams written out from the protocols' byte figures,
 // independent of both the simulator's encoder and the terminal's.
 #pragma once
 
@@ -6,7 +6,9 @@
 
 #include <chrono>
 #include <functional>
+#include <iomanip>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -18,27 +20,19 @@ namespace deskline::sim::testing {
 
 using Bytes = std::vector<std::byte>;
 
-// "50 54 41 50" -> bytes; blanks are ignored.
+// "50 54 41 50" -> bytes: pairs of hex digits, blanks ignored.
 inline Bytes Hex(std::string_view text) {
   Bytes out;
-  int high = -1;
-  for (char c : text) {
-    const int n = c >= '0' && c <= '9' ? c - '0' : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
-    if (n < 0) continue;
-    if (high < 0) {
-      high = n;
-    } else {
-      out.push_back(static_cast<std::byte>(high << 4 | n));
-      high = -1;
-    }
+  std::istringstream in{std::string(text)};
+  for (std::string two; in >> std::setw(2) >> two;) {
+    out.push_back(static_cast<std::byte>(std::stoi(two, nullptr, 16)));
   }
   return out;
 }
 
 inline Bytes Text(std::string_view text) {
-  Bytes out;
-  for (char c : text) out.push_back(static_cast<std::byte>(c));
-  return out;
+  return Bytes(reinterpret_cast<const std::byte*>(text.data()),
+               reinterpret_cast<const std::byte*>(text.data() + text.size()));
 }
 
 // A PTAP datagram: magic, the tid, the type and the elements in hex.
@@ -62,13 +56,21 @@ inline Bytes StartDatagram(bool extended, std::string_view tid = "00 00 00 01") 
                        " 07 00 06 02 00 00 AA BB CC 06 00 04 7F 00 00 01 FF");
 }
 
-// The terminal's ACK (result 0, its MAC), and an Error report with code 7: a plain packet that
-// any PBX must acknowledge.
+// The terminal's ACK (result 0, its MAC); an Error report with code 7, a plain packet that any
+// PBX must acknowledge; an OP_BEGIN.
 inline Bytes TerminalAck(std::string_view tid) {
   return Ptap(tid, "00 20 00 01 00 07 00 06 02 00 00 AA BB CC FF");
 }
 inline Bytes ErrorReport(std::string_view tid) {
   return Ptap(tid, "14 20 00 01 07 07 00 06 02 00 00 AA BB CC FF");
+}
+inline Bytes OpBegin(std::string_view tid) { return Ptap(tid, "0F 07 00 06 02 00 00 AA BB CC FF"); }
+
+// The terminal's MGCP commands.
+inline const std::string kRsip = "RSIP 1 d1@0200aabbccdd MGCP 1.0\r\nRM: restart\r\n";
+inline std::string Ntfy(int tid, std::string_view event) {
+  return "NTFY " + std::to_string(tid) + " d1@0200aabbccdd MGCP 1.0\r\nX: 1\r\nO: " +
+         std::string(event) + "\r\n";
 }
 
 class RawTerminal {
@@ -93,9 +95,8 @@ class RawTerminal {
   }
   // The next datagram as text, or "(nothing)".
   std::string ReceiveText(int timeout_ms = 5000) {
-    const std::optional<Bytes> bytes = Receive(timeout_ms);
-    return bytes ? std::string(reinterpret_cast<const char*>(bytes->data()), bytes->size())
-                 : "(nothing)";
+    const std::optional<Bytes> b = Receive(timeout_ms);
+    return b ? std::string(reinterpret_cast<const char*>(b->data()), b->size()) : "(nothing)";
   }
 
  private:

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <mutex>
-#include <string>
 
 #include "pbxsim_test_util.h"
 #include "testing/fake_clock.h"
@@ -49,87 +48,77 @@ TEST(NetRules, OccurrencesCountPerRuleByDirectionAndTypeAndChanceRepeatsFromTheS
   EXPECT_EQ(rules.Apply(Direction::kIn, kTypeStart).delay_ms, 150);
   EXPECT_EQ(Pattern(rules, Direction::kIn, kTypeAck, 3), "DDD");
 
-  // A probability draws from the seed, so every run repeats.
-  auto random = [](std::uint64_t seed, double probability) {
+  // Chance and jitter draw from the seed, so every run repeats; jitter adds 0 to its bound to
+  // a fixed delay.
+  auto run = [](std::uint64_t seed, double probability) {
     NetRules seeded(seed);
     seeded.Add(NetRule::Drop(Direction::kOut, std::nullopt).WithProbability(probability));
-    return Pattern(seeded, Direction::kOut, kTypeAck, 64);
-  };
-  const std::string a = random(7, 0.5);
-  EXPECT_EQ(a, random(7, 0.5));
-  EXPECT_NE(a, random(8, 0.5));
-  EXPECT_NE(a.find('D'), std::string::npos);
-  EXPECT_NE(a.find('.'), std::string::npos);
-  EXPECT_EQ(random(7, 0.0), std::string(64, '.'));
-
-  // Jitter draws each delay from 0 to its bound, from the seed, on top of a fixed delay.
-  auto jitter = [](std::uint64_t seed) {
-    NetRules seeded(seed);
     seeded.Add(NetRule::Jitter(Direction::kIn, std::nullopt, 30));
     seeded.Add(NetRule::Delay(Direction::kIn, kTypeStart, 100));
     std::vector<int> delays;
-    for (int i = 0; i < 200; ++i) delays.push_back(seeded.Apply(Direction::kIn, kTypeAck).delay_ms);
-    delays.push_back(seeded.Apply(Direction::kIn, kTypeStart).delay_ms);
-    return delays;
+    for (int i = 0; i < 200; ++i) {
+      delays.push_back(seeded.Apply(Direction::kIn, i ? kTypeAck : kTypeStart).delay_ms);
+    }
+    return std::pair(Pattern(seeded, Direction::kOut, kTypeAck, 64), delays);
   };
-  const std::vector<int> delays = jitter(7);
-  EXPECT_EQ(delays, jitter(7));
-  EXPECT_NE(delays, jitter(8));
-  EXPECT_EQ(*std::min_element(delays.begin(), delays.end() - 1), 0);
-  EXPECT_EQ(*std::max_element(delays.begin(), delays.end() - 1), 30);
-  EXPECT_GE(delays.back(), 100);
-  EXPECT_LE(delays.back(), 130);
+  const auto [drops, delays] = run(7, 0.5);
+  EXPECT_EQ(run(7, 0.5), std::pair(drops, delays));
+  EXPECT_NE(run(8, 0.5).first, drops);
+  EXPECT_NE(run(8, 0.5).second, delays);
+  EXPECT_NE(drops.find('D'), std::string::npos);
+  EXPECT_NE(drops.find('.'), std::string::npos);
+  EXPECT_EQ(run(7, 0.0).first, std::string(64, '.'));
+  EXPECT_GE(delays[0], 100);
+  EXPECT_LE(delays[0], 130);
+  EXPECT_EQ(*std::min_element(delays.begin() + 1, delays.end()), 0);
+  EXPECT_EQ(*std::max_element(delays.begin() + 1, delays.end()), 30);
 }
 
-class SchedulerTest : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_TRUE(scheduler_.Start()); }
-  Scheduler::Task Note(char c) {
-    return [this, c] {
-      std::lock_guard lock(mutex_);
-      ran_ += c;
-    };
-  }
-  bool Ran(const std::string& expected) {
-    return Eventually([&] {
-      std::lock_guard lock(mutex_);
-      return ran_ == expected;
-    });
-  }
-  FakeClock clock_{FakeClock::Mode::kManual};
-  Scheduler scheduler_{clock_};
-  std::mutex mutex_;
-  std::string ran_;
-};
-
-TEST_F(SchedulerTest, RunsTasksInDueThenSchedulingOrderNeverEarlyNeverWhenCancelledOrStopped) {
+TEST(Scheduler, RunsTasksInDueThenSchedulingOrderNeverEarlyNeverWhenCancelledOrStopped) {
   using std::chrono::milliseconds;
-  scheduler_.After(milliseconds(30), Note('b'));
-  scheduler_.After(milliseconds(10), Note('a'));
-  const Scheduler::TaskId doomed = scheduler_.After(milliseconds(20), Note('x'));
-  scheduler_.After(milliseconds(30), [this] {
-    Note('c')();
-    scheduler_.After(milliseconds(5), Note('d'));  // a task may schedule a task
+  FakeClock clock(FakeClock::Mode::kManual);
+  std::mutex mutex;
+  std::string ran;
+  Scheduler scheduler(clock);  // after what its tasks touch, so that it goes first
+  ASSERT_TRUE(scheduler.Start());
+  auto note = [&](char c) -> Scheduler::Task {
+    return [&, c] {
+      std::lock_guard lock(mutex);
+      ran += c;
+    };
+  };
+  auto ran_is = [&](const std::string& expected) {
+    return Eventually([&] {
+      std::lock_guard lock(mutex);
+      return ran == expected;
+    });
+  };
+  scheduler.After(milliseconds(30), note('b'));
+  scheduler.After(milliseconds(10), note('a'));
+  const Scheduler::TaskId doomed = scheduler.After(milliseconds(20), note('x'));
+  scheduler.After(milliseconds(30), [&] {
+    note('c')();
+    scheduler.After(milliseconds(5), note('d'));  // a task may schedule a task
   });
-  EXPECT_TRUE(scheduler_.Cancel(doomed));
-  EXPECT_FALSE(scheduler_.Cancel(doomed));
-  ASSERT_TRUE(clock_.AwaitSleepers(1));
-  clock_.AdvanceMs(9);
-  ASSERT_TRUE(clock_.AwaitSleepers(1));
-  EXPECT_TRUE(Ran(""));
-  clock_.AdvanceMs(1);
-  EXPECT_TRUE(Ran("a"));
-  clock_.AdvanceMs(20);
-  EXPECT_TRUE(Ran("abc"));
-  ASSERT_TRUE(clock_.AwaitSleepers(1));
-  clock_.AdvanceMs(5);
-  EXPECT_TRUE(Ran("abcd"));
-  EXPECT_EQ(scheduler_.pending(), 0u);
+  EXPECT_TRUE(scheduler.Cancel(doomed));
+  EXPECT_FALSE(scheduler.Cancel(doomed));
+  ASSERT_TRUE(clock.AwaitSleepers(1));
+  clock.AdvanceMs(9);
+  ASSERT_TRUE(clock.AwaitSleepers(1));
+  EXPECT_TRUE(ran_is(""));
+  clock.AdvanceMs(1);
+  EXPECT_TRUE(ran_is("a"));
+  clock.AdvanceMs(20);
+  EXPECT_TRUE(ran_is("abc"));
+  ASSERT_TRUE(clock.AwaitSleepers(1));
+  clock.AdvanceMs(5);
+  EXPECT_TRUE(ran_is("abcd"));
+  EXPECT_EQ(scheduler.pending(), 0u);
 
-  scheduler_.After(milliseconds(10), Note('x'));
-  scheduler_.Stop();
-  EXPECT_EQ(scheduler_.pending(), 0u) << "what is not due goes with Stop";
-  EXPECT_EQ(scheduler_.After(milliseconds(1), Note('y')), 0u);
+  scheduler.After(milliseconds(10), note('x'));
+  scheduler.Stop();
+  EXPECT_EQ(scheduler.pending(), 0u) << "what is not due goes with Stop";
+  EXPECT_EQ(scheduler.After(milliseconds(1), note('y')), 0u);
 }
 
 }  // namespace

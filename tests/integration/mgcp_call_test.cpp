@@ -1,76 +1,20 @@
 // One incoming call through initialize: the real PTAP and MGCP modules against the simulated
 // PBX and its call agent on loopback, with a fake Wave session. Runs in real time (about a
 // second: the MGCP start holds for half of one).
-#include <cstring>
-
 #include "engine_fixture.h"
 
 namespace deskline {
 namespace {
 
-using testing::HostCallbacks;
 using namespace std::chrono_literals;
 
-class MgcpCall : public ::testing::Test {
+class MgcpCall : public testing::EngineFixture {
  protected:
-  MgcpCall() : fakes_(clock_) {
-    HostCallbacks::log().Clear();
-    // The real MGCP module, as the library makes it when no test stands in.
-    api::SetCpDependenciesFactory(nullptr);
-    make_mgcp_ = api::DefaultCpDependencies().make_mgcp;
-
-    sim::PtapAnswers answers = pbx_.answers();
-    answers.start.mgcp_terminal_port = testing::FreeUdpPort();
-    pbx_.SetAnswers(answers);
-    EXPECT_TRUE(pbx_.Start());
-    std::ofstream conf(dir_.File("PTAP_Conf"));
-    conf << "[PTAP_PORT]\nClientPort=" << testing::FreeUdpPort()
-         << "\nServerPort=" << pbx_.port() << "\n";
-  }
-  ~MgcpCall() override {
-    uninitialize();
-    api::SetCpDependenciesFactory(nullptr);
-    pbx_.Stop();
-  }
-
-  static sim::PbxOptions Options() {
-    sim::PbxOptions options;
-    options.mgcp = sim::MgcpAgentOptions{};
-    return options;
-  }
-
-  std::int32_t Initialize() {
-    api::SetCpDependenciesFactory([this] {
-      CpDependencies deps = fakes_.Dependencies();
-      deps.clock = &platform::RealClock();
-      const std::string dir = dir_.path().string();
-      deps.make_ptap = [dir]() -> std::unique_ptr<IPtap> {
-        return std::make_unique<CPtap>(platform::RealClock(),
-                                       PtapOptions{dir, std::chrono::milliseconds(0), nullptr});
-      };
-      deps.make_mgcp = make_mgcp_;
-      return deps;
-    });
-    NetworkInitData data = HostCallbacks::Data();
-    std::memcpy(data.terminal_identity, "TERMINAL-008", 12);
-    return initialize(&data, &params_);
-  }
-
-  bool HostSaw(const std::string& line) {
-    return testing::Eventually([&] { return HostCallbacks::log().Contains(line); }, 2s);
-  }
-
-  testing::TraceCapture trace_;
-  testing::TempDir dir_;
-  sim::PbxSimulator pbx_{Options()};
-  testing::FakeClock clock_;
-  testing::FakeModules fakes_;
-  std::function<std::unique_ptr<IMgcp>()> make_mgcp_;
-  PtapParameterContainer params_{};
+  MgcpCall() : EngineFixture(Real::kPtapMgcp) {}
 };
 
 TEST_F(MgcpCall, RegistersRingsAnswersConnectsHoldsAndReleases) {
-  sim::MgcpAgent& agent = *pbx_.mgcp();
+  sim::MgcpAgent& agent = this->agent();
   ASSERT_EQ(Initialize(), 0) << trace_.Text();
 
   // The terminal's first MGCP message is its RSIP, from the MAC-made endpoint.

@@ -1,5 +1,4 @@
 // Registration through initialize: the real PTAP client against the simulated PBX.
-#include <cstring>
 #include <thread>
 
 #include "engine_fixture.h"
@@ -11,7 +10,6 @@ using Registration = testing::EngineFixture;
 using sim::Direction;
 
 TEST_F(Registration, DeliversTheParametersToTheHost) {
-  UseEngine();
   ASSERT_EQ(Initialize(), 0) << trace_.Text();
 
   EXPECT_EQ(params_.result_code, 0);
@@ -38,26 +36,19 @@ TEST_F(Registration, DeliversTheParametersToTheHost) {
 }
 
 TEST_F(Registration, RefusalReachesTheHostAndLeavesNothing) {
-  sim::PtapAnswers answers = pbx_.answers();
-  answers.start.result_code = 200;  // wire 200: registration refused
-  pbx_.SetAnswers(answers);
-  UseEngine();
+  Answers([](auto& a) { a.start.result_code = 200; });  // wire 200: registration refused
   EXPECT_EQ(Initialize(), 201);
   EXPECT_EQ(api::engine().cp.load(), nullptr);
   EXPECT_EQ(testing::FakeModules::Live(), 0);
   EXPECT_FALSE(fakes_.log.Contains("mgcp.Start"));
   EXPECT_TRUE(trace_.Has("[CP :: CRITICAL ERROR] PTAP START - Registration failed/not possible"));
 
-  answers.start.result_code = 0;  // the next initialize starts afresh
-  pbx_.SetAnswers(answers);
+  Answers([](auto& a) { a.start.result_code = 0; });  // the next initialize starts afresh
   EXPECT_EQ(Initialize(), 0);
 }
 
 TEST_F(Registration, WrongKindOfTerminalInExtendedMode) {
-  sim::PtapAnswers answers = pbx_.answers();
-  answers.start.extended = sim::ExtendedAnswer::kWrongKind;
-  pbx_.SetAnswers(answers);
-  UseEngine();
+  Answers([](auto& a) { a.start.extended = sim::ExtendedAnswer::kWrongKind; });
   EXPECT_EQ(Initialize(1), 211);
   const auto start = pbx_.LastStart();
   ASSERT_TRUE(start.has_value());
@@ -67,11 +58,10 @@ TEST_F(Registration, WrongKindOfTerminalInExtendedMode) {
 }
 
 TEST_F(Registration, ExtendedModeRegistersOnTheExtendedResponse) {
-  sim::PtapAnswers answers = pbx_.answers();
-  answers.start.extended = sim::ExtendedAnswer::kGood;
-  answers.start.pbx_class_code = 8;  // class 4
-  pbx_.SetAnswers(answers);
-  UseEngine();
+  Answers([](auto& a) {
+    a.start.extended = sim::ExtendedAnswer::kGood;
+    a.start.pbx_class_code = 8;  // class 4
+  });
   ASSERT_EQ(Initialize(1), 0);
   EXPECT_TRUE(testing::HostCallbacks::log().Contains("event(34,1,4)"));
 }
@@ -79,9 +69,8 @@ TEST_F(Registration, ExtendedModeRegistersOnTheExtendedResponse) {
 // The call processor's wait runs on a simulated clock, so nineteen seconds pass at once.
 TEST_F(Registration, SilentPbxGivesOneAfterTheWait) {
   pbx_.SetSilent(true);
-  UseEngine(&cp_clock_);
   const std::int64_t before = cp_clock_.ElapsedMs();
-  EXPECT_EQ(Initialize(), 1);
+  EXPECT_EQ(Initialize(0, &cp_clock_), 1);
   EXPECT_GE(cp_clock_.ElapsedMs() - before, 19000);
   EXPECT_TRUE(trace_.Has("[CP :: CRITICAL ERROR] Operation timeout: PTAP START"));
   EXPECT_EQ(api::engine().cp.load(), nullptr);
@@ -89,14 +78,12 @@ TEST_F(Registration, SilentPbxGivesOneAfterTheWait) {
 
 TEST_F(Registration, LostStartIsResentAndStillRegisters) {
   pbx_.AddRule(sim::NetRule::Drop(Direction::kIn, 4).Occurrences(0, 1));
-  UseEngine();
   ASSERT_EQ(Initialize(), 0);
   EXPECT_EQ(pbx_.Count(Direction::kIn, 4), 2u) << "the first START was dropped";
   EXPECT_EQ(pbx_.LastStart()->tid, 1u) << "a resend keeps its tid";
 }
 
 TEST_F(Registration, PbxEventsReachTheSystemCallback) {
-  UseEngine();
   ASSERT_EQ(Initialize(), 0);
   const std::byte event[] = {std::byte{0x20}, std::byte{0x00}, std::byte{0x01}, std::byte{0x55},
                              std::byte{0xff}};
@@ -112,10 +99,7 @@ TEST_F(Registration, PbxEventsReachTheSystemCallback) {
 // One of the few tests that waits in real time: a PBX that falls silent for longer than the
 // keepalive timeout it set (1 s) is reported to the host once.
 TEST_F(Registration, SilentPbxAfterRegistrationIsReportedOnce) {
-  sim::PtapAnswers answers = pbx_.answers();
-  answers.start.keepalive_timeout_s = 1;
-  pbx_.SetAnswers(answers);
-  UseEngine();
+  Answers([](auto& a) { a.start.keepalive_timeout_s = 1; });
   ASSERT_EQ(Initialize(), 0);
   pbx_.SetSilent(true);
   auto lost = [] { return testing::HostCallbacks::log().Contains("system(24)"); };

@@ -1,38 +1,27 @@
-// The real libdeskline.so, loaded as the phone loads it: every export it uses resolves, and
-// before initialize each gives the result the host interface documents.
+// The real libdeskline.so, loaded as the phone loads it: every export it uses resolves (Load
+// fails on the first missing one), and before initialize each gives the documented result.
 #include <gtest/gtest.h>
 
 #include <vector>
 
 #include "testing/temp_dir.h"
 #include "tools/phone/host_library.h"
-#include "tools/phone/host_os.h"
 
 namespace deskline::phone {
 namespace {
 
 TEST(PhoneLibraryTest, EveryExportResolvesAndBeforeInitializeGivesNoObjectResults) {
-  void* raw = nullptr;
   std::string error;
-  raw = OpenLibrary(DESKLINE_LIBRARY_PATH, &error);
-  ASSERT_NE(raw, nullptr) << error;
-  for (const std::string& name : HostExportNames()) {
-    EXPECT_NE(FindSymbol(raw, name.c_str()), nullptr) << name;
-  }
-  CloseLibrary(raw);
-
   HostLibrary library;
   ASSERT_TRUE(library.Load(DESKLINE_LIBRARY_PATH, &error)) << error;
   const HostExports& e = library.exports();
   LibraryActions actions(e);
 
   EXPECT_EQ(e.put_key(0x0200), 0);
-  EXPECT_EQ(e.put_key(0x0b02), 0);  // no engine: not even looked up
   EXPECT_EQ(e.make_call("123"), 0);
   EXPECT_EQ(e.send_error(5, 0, 0), 0);
   std::vector<std::int16_t> pcm(kFrameSamples * kMaxReceiveFrames, 0);
   EXPECT_EQ(actions.SendVoice(std::span(pcm).first(320)), 640u);
-  EXPECT_EQ(e.send_voice(319, reinterpret_cast<const uint16_t*>(pcm.data())), 319);
   std::uint32_t status = 0xabcd;
   EXPECT_EQ(actions.ReceiveVoice(pcm, &status), 0u);
   EXPECT_EQ(status, 0xabcdu);  // left alone without a voice session

@@ -22,11 +22,6 @@ bool Resolve(void* library, const char* name, Fn* slot, std::string* missing) {
 
 }  // namespace
 
-std::vector<std::string> HostExportNames() {
-  return {"tracer_startup", "tracer_set_filter", "initialize", "uninitialize", "put_key",
-          "make_call",      "send_error",        "send_voice", "recv_voice"};
-}
-
 // The engine keeps objects for the life of the process (the tracer, the key tables, the number
 // formatter); unloading it would strand them, so a loaded library stays until the process ends.
 HostLibrary::~HostLibrary() = default;

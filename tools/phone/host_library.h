@@ -25,9 +25,6 @@ struct HostExports {
   int32_t (*recv_voice)(int32_t*, uint16_t*, uint32_t*) = nullptr;
 };
 
-// The names of every export the phone uses.
-std::vector<std::string> HostExportNames();
-
 class HostLibrary {
  public:
   HostLibrary() = default;

@@ -10,6 +10,7 @@
 #include <memory>
 #include <thread>
 
+#include "testing/eventually.h"
 #include "api/engine.h"
 #include "core/fake_modules.h"
 #include "deskline/deskline.h"
@@ -29,17 +30,6 @@ inline std::uint16_t FreeUdpPort() {
   if (!probe.Open({0x7f000001, 0})) return 0;
   const auto endpoint = probe.LocalEndpoint();
   return endpoint ? endpoint->port : 0;
-}
-
-// Polls `predicate` every few milliseconds until it holds or `timeout` has passed.
-template <typename Predicate>
-bool Eventually(Predicate predicate, std::chrono::milliseconds timeout) {
-  const auto until = std::chrono::steady_clock::now() + timeout;
-  while (!predicate()) {
-    if (std::chrono::steady_clock::now() >= until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
 }
 
 class EngineFixture : public ::testing::Test {

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "testing/eventually.h"
 #include "mgcp/mgcp.h"
 #include "mgcp_test_util.h"
 
@@ -94,20 +95,14 @@ class FakePbx {
   platform::UdpSocket socket_;
 };
 
+using testing::Eventually;
+
 NetworkInitData LoopbackData() {
   NetworkInitData data{};
   data.local_ip = kLoopback;
   data.pbx_ip = kLoopback;
   std::memcpy(data.mac_address, mgcp_test::kMac, 6);
   return data;
-}
-
-template <typename Predicate>
-bool Eventually(Predicate predicate) {
-  for (int i = 0; i < 300 && !predicate(); ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return predicate();
 }
 
 // The answer with the local SDP for the loopback address and media port 8000.

@@ -14,9 +14,12 @@
 #include <thread>
 #include <vector>
 
+#include "testing/eventually.h"
 #include "platform/udp_socket.h"
 
 namespace deskline::sim::testing {
+
+using deskline::testing::Eventually;
 
 using Bytes = std::vector<std::byte>;
 
@@ -103,15 +106,5 @@ class RawTerminal {
   platform::UdpSocket socket_;
   platform::UdpEndpoint endpoint_;
 };
-
-// Polls `condition` in real time for up to five seconds.
-inline bool Eventually(const std::function<bool()>& condition) {
-  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
 
 }  // namespace deskline::sim::testing

@@ -7,6 +7,7 @@
 #include <optional>
 #include <thread>
 
+#include "testing/eventually.h"
 #include "platform/udp_socket.h"
 #include "testing/fake_clock.h"
 #include "testing/temp_dir.h"
@@ -20,16 +21,6 @@ using namespace std::chrono_literals;
 using namespace deskline::testing;
 
 constexpr std::uint32_t kLoopback = 0x7F000001;
-
-template <typename F>
-bool Eventually(F condition) {
-  const auto until = std::chrono::steady_clock::now() + 2s;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
 
 // Trace lines that start with "[PTAP :: Thread] " + `text`.
 int ThreadLines(const TraceCapture& trace, const std::string& text) {

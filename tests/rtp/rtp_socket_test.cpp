@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "testing/eventually.h"
 #include "platform/udp_socket.h"
 #include "voice/rtp.h"
 
@@ -15,6 +16,7 @@ namespace deskline {
 namespace {
 
 using namespace std::chrono_literals;
+using testing::Eventually;
 using Bytes = std::vector<std::uint8_t>;
 constexpr std::uint32_t kLoopback = 0x7F000001;
 
@@ -65,16 +67,6 @@ struct Receiver {
   std::atomic<bool> ended{false};
   std::thread thread;
 };
-
-template <typename F>
-bool Eventually(F condition) {
-  const auto until = std::chrono::steady_clock::now() + 2s;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
 
 // Numbered +1 and +160 under one SSRC from the bound port; a new call moves only the remote
 // address, and a local port set after the start waits for the next start.

@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "testing/eventually.h"
 #include "platform/udp_socket.h"
 #include "testing/fake_clock.h"
 #include "voice/wave.h"
@@ -21,21 +22,12 @@
 namespace deskline::wavetest {
 
 using namespace std::chrono_literals;
+using testing::Eventually;
 using Bytes = std::vector<std::uint8_t>;
 using Samples = std::vector<std::int16_t>;
 
 inline constexpr std::uint32_t kLoopback = 0x7F000001;
 inline constexpr std::size_t kFrame = kVoiceFrameSamples;
-
-template <typename F>
-bool Eventually(F condition) {
-  const auto until = std::chrono::steady_clock::now() + 3s;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
 
 // A plain socket playing the far end.
 struct Peer {

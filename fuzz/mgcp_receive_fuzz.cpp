@@ -12,23 +12,13 @@
 #include "mgcp/mgcp_parse.h"
 #include "mgcp/mgcp_sdp.h"
 #include "mgcp/mgcp_signal.h"
+#include "tests/mgcp/mgcp_test_util.h"
 
 namespace {
 
 using namespace deskline;
 
-// The block as it stands after start, for the endpoint that the seed commands address.
-MgcpControlBlock StartedBlock() {
-  static constexpr std::uint8_t kMac[6] = {0x00, 0x11, 0x22, 0xaa, 0xbb, 0xcc};
-  MgcpControlBlock block;
-  SetEndpointName(block, kMac);
-  SetLocalIdentity(block, 0x0A000005);
-  block.nextTransactionId = 1;
-  block.commandTransactionId = 1;
-  block.requestId = 1;
-  SetLocalMedia(block, 8000);
-  return block;
-}
+using mgcp_test::StartedBlock;  // the endpoint that the seed commands address
 
 void Check(bool condition) {
   if (!condition) std::abort();

@@ -6,10 +6,8 @@
 // Exit codes: 0 done, 1 a port cannot be bound or the summary cannot be written, 2 usage,
 // 3 the script failed (a wait timed out, a wait command was malformed, or the script was cut
 // short by a signal or quit).
-#include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <csignal>
 #include <cstdio>
 #include <deque>
 #include <fstream>
@@ -20,6 +18,8 @@
 #include <thread>
 #include <utility>
 
+#include "platform/console_input.h"
+#include "platform/host_process.h"
 #include "tools/pbxsim/agent_script.h"
 #include "tools/pbxsim/media_channel.h"
 #include "tools/pbxsim/pbx_options.h"
@@ -30,18 +30,9 @@
 
 namespace {
 
-volatile std::sig_atomic_t g_signalled = 0;
-std::atomic<bool> g_input_ended{false};
-// Lines typed on standard input, handed from the reader to the main thread, each with its
-// number in the order of reading.
-std::mutex g_input_mutex;
-std::deque<std::pair<std::uint64_t, std::string>> g_input_lines;
-std::uint64_t g_lines_read = 0;
 // Both protocols, the media notes and the command results print from several threads: one
 // line at a time.
 std::mutex g_print_mutex;
-
-void OnSignal(int) { g_signalled = 1; }
 
 void PrintLine(std::FILE* out, std::string_view line) {
   std::lock_guard lock(g_print_mutex);
@@ -50,42 +41,17 @@ void PrintLine(std::FILE* out, std::string_view line) {
   std::fflush(out);
 }
 
-void QueueInputLine(std::string line) {
-  std::lock_guard lock(g_input_mutex);
-  g_input_lines.emplace_back(g_lines_read++, std::move(line));
-}
-
-bool TakeInputLine(std::string* line) {
-  std::lock_guard lock(g_input_mutex);
-  if (g_input_lines.empty()) return false;
-  *line = std::move(g_input_lines.front().second);
-  g_input_lines.pop_front();
-  return true;
-}
-
-std::uint64_t LinesRead() {
-  std::lock_guard lock(g_input_mutex);
-  return g_lines_read;
-}
-
 // A "quit" read from standard input while something waits ends the wait: taken out of the
 // queue. Only one read after the wait began (number `first` on) counts, so that a script
 // piped in whole waits as written and quits at its end.
-bool TakeQuitReadSince(std::uint64_t first) {
-  std::lock_guard lock(g_input_mutex);
-  for (auto it = g_input_lines.begin(); it != g_input_lines.end(); ++it) {
-    if (it->first < first) continue;
-    const std::string& text = it->second;
+bool TakeQuitReadSince(deskline::platform::ConsoleInput& input, std::uint64_t first) {
+  return input.TakeFirstSince(first, [](const std::string& text) {
     const std::size_t start = text.find_first_not_of(" \t");
-    if (start == std::string::npos) continue;
+    if (start == std::string::npos) return false;
     const std::size_t end = text.find_first_of(" \t\r", start);
     const std::string word = text.substr(start, end == std::string::npos ? end : end - start);
-    if (word == "quit" || word == "exit") {
-      g_input_lines.erase(it);
-      return true;
-    }
-  }
-  return false;
+    return word == "quit" || word == "exit";
+  });
 }
 
 std::string Seconds(std::chrono::milliseconds duration) {
@@ -153,24 +119,11 @@ int main(int argc, char** argv) {
     pbx.StartKeepalives(std::chrono::milliseconds(cl.keepalive_every_ms));
   }
 
-  std::signal(SIGINT, OnSignal);
-  std::signal(SIGTERM, OnSignal);
-  if (cl.watch_stdin) {
-    // A read of standard input cannot be released portably, so this reader is left to end
-    // with the process; it touches nothing but objects of static storage.
-    std::thread([] {
-      std::string line;
-      for (int c = std::fgetc(stdin); c != EOF; c = std::fgetc(stdin)) {
-        if (c != '\n') {
-          line += static_cast<char>(c);
-          continue;
-        }
-        QueueInputLine(std::move(line));
-        line.clear();
-      }
-      if (!line.empty()) QueueInputLine(std::move(line));
-      g_input_ended = true;
-    }).detach();
+  deskline::platform::InstallStopSignals();
+  deskline::platform::ConsoleInput input;
+  if (cl.watch_stdin && !input.Start()) {
+    PrintLine(stderr, "deskline-pbx: cannot read standard input");
+    return 1;
   }
 
   // Declared after the simulator, so that they go before the agent they use.
@@ -190,12 +143,12 @@ int main(int argc, char** argv) {
   // stop waiting.
   auto interrupted = [&] {
     if (media) media->Poll();
-    if (g_signalled) return true;
-    if (TakeQuitReadSince(wait_began_at_line)) typed_quit = quit = true;
+    if (deskline::platform::StopSignalled()) return true;
+    if (TakeQuitReadSince(input, wait_began_at_line)) typed_quit = quit = true;
     return quit;
   };
   auto pause = [&](std::chrono::milliseconds wait) {
-    wait_began_at_line = LinesRead();
+    wait_began_at_line = input.lines_read();
     const auto until = std::chrono::steady_clock::now() + wait;
     while (!interrupted() && std::chrono::steady_clock::now() < until) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -217,7 +170,7 @@ int main(int argc, char** argv) {
     if (step.wait.count() > 0) pause(step.wait);
     if (step.await) {
       const std::string what = TerminalWatch::Describe(*step.await);
-      wait_began_at_line = LinesRead();
+      wait_began_at_line = input.lines_read();
       switch (watch.Wait(*step.await, interrupted)) {
         case TerminalWatch::Outcome::kMet:
           PrintLine(stdout, what + ": done");
@@ -236,7 +189,7 @@ int main(int argc, char** argv) {
 
   std::deque<std::string> script = cl.script;
   std::size_t line_number = 0;
-  while (!quit && !g_signalled && !script.empty()) {
+  while (!quit && !deskline::platform::StopSignalled() && !script.empty()) {
     const std::string line = std::move(script.front());
     script.pop_front();
     ++line_number;
@@ -250,19 +203,19 @@ int main(int argc, char** argv) {
   }
   // A script cut short by a signal or a typed quit did not do what it meant to; its own quit
   // ends it as planned.
-  if (!script.empty() && !script_failed && (g_signalled || typed_quit)) {
+  if (!script.empty() && !script_failed && (deskline::platform::StopSignalled() || typed_quit)) {
     script_failed = true;
     PrintLine(stderr, "deskline-pbx: script stopped at line " + std::to_string(line_number) +
                           " of " + *cl.script_path);
   }
   // With --no-stdin a script is the whole session; without one the PBX serves until a signal.
   const bool end_with_script = !cl.watch_stdin && cl.script_path.has_value();
-  while (!quit && !g_signalled && !end_with_script) {
+  while (!quit && !deskline::platform::StopSignalled() && !end_with_script) {
     // Read before taking a line: the reader queues every line before it sets the flag, so
     // lines that came before the end of input are still run.
-    const bool ended = g_input_ended;
+    const bool ended = input.ended();
     std::string line;
-    if (TakeInputLine(&line)) {
+    if (input.Take(&line)) {
       execute(line);
       continue;
     }

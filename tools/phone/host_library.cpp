@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "tools/phone/host_os.h"
+#include "platform/host_process.h"
 
 namespace deskline::phone {
 namespace {
@@ -10,7 +10,7 @@ namespace {
 // Resolves `name` into `slot`; the object pointer from dlsym becomes the function's pointer.
 template <typename Fn>
 bool Resolve(void* library, const char* name, Fn* slot, std::string* missing) {
-  void* symbol = FindSymbol(library, name);
+  void* symbol = platform::FindSymbol(library, name);
   if (symbol == nullptr) {
     if (missing->empty()) *missing = name;
     return false;
@@ -27,7 +27,7 @@ bool Resolve(void* library, const char* name, Fn* slot, std::string* missing) {
 HostLibrary::~HostLibrary() = default;
 
 bool HostLibrary::Load(const std::string& path, std::string* error) {
-  void* library = OpenLibrary(path, error);
+  void* library = platform::OpenLibrary(path, error);
   if (library == nullptr) {
     *error = "cannot load " + path + ": " + *error;
     return false;
@@ -44,7 +44,7 @@ bool HostLibrary::Load(const std::string& path, std::string* error) {
   ok &= Resolve(library, "send_voice", &e.send_voice, &missing);
   ok &= Resolve(library, "recv_voice", &e.recv_voice, &missing);
   if (!ok) {
-    CloseLibrary(library);
+    platform::CloseLibrary(library);
     *error = path + " lacks the export " + missing;
     return false;
   }

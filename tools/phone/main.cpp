@@ -11,11 +11,12 @@
 #include <vector>
 
 #include "platform/clock.h"
+#include "platform/console_input.h"
 #include "platform/event.h"
+#include "platform/host_process.h"
 #include "platform/thread.h"
 #include "tools/phone/commands.h"
 #include "tools/phone/host_library.h"
-#include "tools/phone/host_os.h"
 #include "tools/phone/options.h"
 #include "tools/phone/phone_view.h"
 #include "tools/phone/script_runner.h"
@@ -78,55 +79,6 @@ std::string DescribeInitialize(std::int32_t result) {
     default:
       return "initialize failed (" + std::to_string(result) + "): unexpected result";
   }
-}
-
-// Lines typed on standard input, handed from the reader thread to the main thread.
-class InputQueue {
- public:
-  void Push(std::string line) {
-    std::lock_guard lock(mutex_);
-    lines_.push_back(std::move(line));
-  }
-  void End() {
-    std::lock_guard lock(mutex_);
-    ended_ = true;
-  }
-  // False when nothing is waiting; `ended` says whether more can come.
-  bool Take(std::string* line, bool* ended) {
-    std::lock_guard lock(mutex_);
-    *ended = ended_ && lines_.empty();
-    if (lines_.empty()) return false;
-    *line = std::move(lines_.front());
-    lines_.pop_front();
-    return true;
-  }
-
- private:
-  std::mutex mutex_;
-  std::deque<std::string> lines_;
-  bool ended_ = false;
-};
-
-void ReadInput(InputQueue& queue, pf::ManualResetEvent& stop) {
-  std::string pending;
-  char buffer[512];
-  while (!stop.IsSet()) {
-    const long got = dp::ReadStandardInput(buffer, sizeof(buffer), 100);
-    if (got < 0) continue;
-    if (got == 0) break;
-    pending.append(buffer, static_cast<std::size_t>(got));
-    for (std::size_t end; (end = pending.find('\n')) != std::string::npos;) {
-      queue.Push(pending.substr(0, end));
-      pending.erase(0, end + 1);
-    }
-    // A line without an end that outgrows any command is cut, so input cannot grow memory.
-    if (pending.size() > 4096) {
-      queue.Push(pending);
-      pending.clear();
-    }
-  }
-  if (!pending.empty()) queue.Push(pending);
-  queue.End();
 }
 
 struct SummaryRow {
@@ -262,7 +214,7 @@ int main(int argc, char** argv) {
     return kExitFailure;
   }
   const dp::HostExports& exports = library.exports();
-  dp::InstallStopSignals();
+  pf::InstallStopSignals();
 
   dp::PhoneView view;
   g_view = &view;
@@ -300,18 +252,13 @@ int main(int argc, char** argv) {
   pf::Thread watcher;
   if (watcher.Create("phone watch", [&](pf::ThreadId) {
         while (!pf::RealClock().WaitFor(finished, std::chrono::milliseconds(50))) {
-          if (dp::StopSignalled() || view.connection_lost() || view.restart_demanded()) stop.Set();
+          if (pf::StopSignalled() || view.connection_lost() || view.restart_demanded()) stop.Set();
         }
       }) != 0) {
     watcher.Resume();
   }
-  InputQueue input;
-  pf::Thread reader;
-  const bool interactive = !scripted && options.read_stdin;
-  if (interactive && reader.Create("phone input", [&](pf::ThreadId) { ReadInput(input, stop); }) != 0) {
-    reader.Resume();
-    Print("ready: type commands (help lists them)");
-  }
+  pf::ConsoleInput input;
+  if (!scripted && options.read_stdin && input.Start()) Print("ready: type commands (help lists them)");
 
   dp::ScriptRunner runner(actions, view, pf::RealClock(), stop);
   int exit_code = kExitOk;
@@ -345,9 +292,9 @@ int main(int argc, char** argv) {
     }
   } else {
     while (!stop.IsSet()) {
+      const bool ended = input.ended();  // before Take: lines read before the end still run
       std::string line;
-      bool ended = false;
-      if (!input.Take(&line, &ended)) {
+      if (!input.Take(&line)) {
         if (ended) break;
         pf::RealClock().WaitFor(stop, std::chrono::milliseconds(50));
         continue;
@@ -361,12 +308,12 @@ int main(int argc, char** argv) {
     }
   }
   if (view.connection_lost() || view.restart_demanded()) exit_code = kExitConnectionLost;
-  if (dp::StopSignalled()) Print("interrupted");
+  if (pf::StopSignalled()) Print("interrupted");
 
   // Threads first: the voice thread calls into the engine, which uninitialize takes down.
   stop.Set();
   finished.Set();
-  reader.Join();
+  input.Stop();
   watcher.Join();
   pacer.Stop();
   exports.uninitialize();

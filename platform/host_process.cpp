@@ -1,4 +1,4 @@
-#include "tools/phone/host_os.h"
+#include "platform/host_process.h"
 
 #include <dlfcn.h>
 #include <poll.h>
@@ -7,7 +7,7 @@
 
 #include <cerrno>
 
-namespace deskline::phone {
+namespace deskline::platform {
 namespace {
 
 volatile sig_atomic_t g_stop_signalled = 0;
@@ -53,4 +53,4 @@ long ReadStandardInput(char* buffer, std::size_t size, int timeout_ms) {
   return static_cast<long>(got);
 }
 
-}  // namespace deskline::phone
+}  // namespace deskline::platform

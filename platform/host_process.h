@@ -1,12 +1,11 @@
-// The few operating-system services the phone needs as a host program: loading the library,
-// Ctrl-C, and reading standard input without blocking forever. This file's .cpp is the only
-// one of the phone that includes system headers.
+// What the host programs (the phone, the PBX simulator) need of the operating system: loading
+// a shared library, Ctrl-C, and reading standard input without blocking forever.
 #pragma once
 
 #include <cstddef>
 #include <string>
 
-namespace deskline::phone {
+namespace deskline::platform {
 
 // dlopen with immediate binding. Null with `error` set on failure.
 void* OpenLibrary(const std::string& path, std::string* error);
@@ -22,4 +21,4 @@ bool StopSignalled();
 // of input, -1 when nothing came in time (or a signal arrived).
 long ReadStandardInput(char* buffer, std::size_t size, int timeout_ms);
 
-}  // namespace deskline::phone
+}  // namespace deskline::platform

@@ -13,9 +13,8 @@ namespace deskline {
 namespace {
 
 using testing::FakeClock;
-using testing::FakeModules;
 using testing::HostCallbacks;
-using testing::TraceCapture;
+using Lines = std::vector<std::string>;
 
 class CpRouting : public ::testing::Test {
  protected:
@@ -32,11 +31,11 @@ class CpRouting : public ::testing::Test {
   void TearDown() override {
     if (cp_) cp_->Shutdown();
   }
-  std::vector<std::string> Host() const { return HostCallbacks::log().lines(); }
+  static Lines Host() { return HostCallbacks::log().lines(); }
 
-  TraceCapture trace_;
+  testing::TraceCapture trace_;
   FakeClock clock_;
-  FakeModules fakes_;
+  testing::FakeModules fakes_;
   std::unique_ptr<CCp> cp_;
 };
 
@@ -45,7 +44,7 @@ TEST_F(CpRouting, MailboxMessagesActAfterTheStateUpdate) {
   struct Step {
     std::uint32_t code;
     std::string payload;
-    std::vector<std::string> calls;
+    Lines calls;
     std::uint32_t state_after;
   };
   const std::vector<Step> steps = {
@@ -57,8 +56,8 @@ TEST_F(CpRouting, MailboxMessagesActAfterTheStateUpdate) {
        CP_STATE_IDLE},
       {10, "\x07", {"ptap.Send(20,7)"}, CP_STATE_IDLE},
       {7, "x", {}, CP_STATE_IDLE},
-      {11, "mute", {}, CP_STATE_IDLE},  // a signal request: applied, no module call for "mute"
-      {12, "", {}, CP_STATE_IDLE},  // started again while idle: rejected
+      {11, "mute", {}, CP_STATE_IDLE},  // a signal request: no module call for "mute"
+      {12, "", {}, CP_STATE_IDLE},      // started again while idle: rejected
   };
   for (const Step& step : steps) {
     SCOPED_TRACE(step.code);
@@ -69,22 +68,14 @@ TEST_F(CpRouting, MailboxMessagesActAfterTheStateUpdate) {
     EXPECT_EQ(fakes_.log.lines(), step.calls);
     EXPECT_EQ(cp_->call_state(), step.state_after);
   }
-}
-
-TEST_F(CpRouting, FailedErrorReportIsTraced) {
-  fakes_.ptap_config.send_error_report_result = 1;
-  StartCp();
+  fakes_.ptap->config().send_error_report_result = 1;  // a failed error report is traced
   EXPECT_EQ(cp_->HandleMessage(10, "\x05", 1), 1);
   EXPECT_TRUE(trace_.Has("[CP :: ERROR] Packet transmission failed: VOXT errorcode via PTAP"));
 }
 
 TEST_F(CpRouting, PtapEventTextsReachTheSystemCallback) {
   StartCp();
-  struct Case {
-    std::string payload;
-    std::vector<std::string> host;
-  };
-  const std::vector<Case> cases = {
+  const std::vector<std::pair<std::string, Lines>> cases = {
       {"PTAP_NOCONN", {"system(24)"}},
       {"PTAP_COMREST", {"system(26)"}},
       {std::string("\x20\x00\x01\x55", 4), {"system(85)"}},
@@ -94,10 +85,10 @@ TEST_F(CpRouting, PtapEventTextsReachTheSystemCallback) {
       {std::string("\x21\x00\x01\x55", 4), {}},  // another element
       {"", {}},
   };
-  for (const Case& c : cases) {
+  for (const auto& [payload, host] : cases) {
     HostCallbacks::log().Clear();
-    EXPECT_EQ(cp_->OnPtapMessage(21, c.payload.data(), c.payload.size()), 0);
-    EXPECT_EQ(Host(), c.host) << c.payload;
+    EXPECT_EQ(cp_->OnPtapMessage(21, payload.data(), payload.size()), 0);
+    EXPECT_EQ(Host(), host) << payload;
   }
   HostCallbacks::log().Clear();
   EXPECT_EQ(cp_->OnPtapMessage(20, "PTAP_NOCONN", 11), 0) << "only type 21 is looked at";
@@ -125,20 +116,17 @@ TEST_F(CpRouting, ShuttingDownBlocksBothProtocolEntries) {
   EXPECT_TRUE(trace_.Has("[CP] Operation blocked: MGCP event"));
 }
 
-TEST_F(CpRouting, PbxClassReachesTheHostAsOneByte) {
+TEST_F(CpRouting, PbxClassAndResponseFlag) {
   fakes_.ptap_config.parameters[PTAP_PARAM_PBX_CLASS] = 0x1203;
   StartCp();
   const int event = PTAP_EVENT_PBX_CLASS;
   cp_->OnPtapEvent(&event);
-  EXPECT_EQ(Host(), std::vector<std::string>{"event(34,1,3)"});
-}
+  EXPECT_EQ(Host(), Lines{"event(34,1,3)"}) << "the class reaches the host as one byte";
 
-TEST_F(CpRouting, ResponseIsPostedOnlyWithTheLockFlag) {
-  StartCp();
   cp_->OnMgcpEvent(MGCP_EVENT_SEND_RESPONSE, "200", false);
-  EXPECT_TRUE(fakes_.log.lines().empty());
+  EXPECT_TRUE(fakes_.log.lines().empty()) << "a response is posted only with the lock flag";
   cp_->OnMgcpEvent(MGCP_EVENT_SEND_RESPONSE, "200", true);
-  EXPECT_EQ(fakes_.log.lines(), std::vector<std::string>{"mgcp.Post(8,200)"});
+  EXPECT_EQ(fakes_.log.lines(), Lines{"mgcp.Post(8,200)"});
 }
 
 // A key press while the MGCP socket thread holds the event lock (an inbound command being
@@ -157,10 +145,13 @@ TEST_F(CpRouting, KeyPressWaitsForInboundCommandUnderTheEventLock) {
   fakes_.mgcp->PostEvent(MGCP_EVENT_SEND_RESPONSE, "200");
   cp_->SetEventLock(false);
   mailbox.join();
-  const auto posts = fakes_.log.With("mgcp.Post");
-  ASSERT_EQ(posts.size(), 2u);
-  EXPECT_EQ(posts[0], "mgcp.Post(8,200)");
-  EXPECT_EQ(posts[1], "mgcp.Post(5,0735)");
+  EXPECT_EQ(fakes_.log.With("mgcp.Post"), (Lines{"mgcp.Post(8,200)", "mgcp.Post(5,0735)"}));
+}
+
+TEST_F(CpRouting, WriteFailsWithoutAMailbox) {
+  cp_ = std::make_unique<CCp>(fakes_.Dependencies());
+  EXPECT_EQ(cp_->WriteMailbox(13, "0200", 4), 1);
+  EXPECT_TRUE(trace_.Has("[CP :: ERROR] Write operation to Mailbox failed"));
 }
 
 class CpPolling : public CpRouting {
@@ -184,20 +175,13 @@ TEST_F(CpPolling, OneKeyPerPeriod) {
     ASSERT_TRUE(clock_.AwaitSleepers(2));
   }
   EXPECT_EQ(fakes_.log.With("mgcp.Post"),
-            (std::vector<std::string>{"mgcp.Post(5,0731)", "mgcp.Post(5,0732)",
-                                      "mgcp.Post(5,0733)"}));
+            (Lines{"mgcp.Post(5,0731)", "mgcp.Post(5,0732)", "mgcp.Post(5,0733)"}));
   cp_->Shutdown();
   int terminated = 0;
   for (const auto& m : trace_.Messages()) {
     terminated += m.rfind("[CP :: Thread] Thread terminated - ID", 0) == 0;
   }
   EXPECT_EQ(terminated, 2) << "both threads saw their id cleared";
-}
-
-TEST_F(CpPolling, WriteFailsWithoutAMailbox) {
-  cp_ = std::make_unique<CCp>(fakes_.Dependencies());
-  EXPECT_EQ(cp_->WriteMailbox(13, "0200", 4), 1);
-  EXPECT_TRUE(trace_.Has("[CP :: ERROR] Write operation to Mailbox failed"));
 }
 
 }  // namespace

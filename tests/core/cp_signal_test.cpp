@@ -19,8 +19,7 @@ using Lines = std::vector<std::string>;
 
 class CpSignal : public ::testing::Test {
  protected:
-  // Manual time: the punching thread makes its first pass and then sleeps, so the tests step
-  // the passes themselves.
+  // Manual time: the punching thread parks after its first pass; the tests step the passes.
   CpSignal() : clock_(FakeClock::Mode::kManual), fakes_(clock_) {
     HostCallbacks::log().Clear();
     cp_ = std::make_unique<CCp>(fakes_.Dependencies());
@@ -32,30 +31,42 @@ class CpSignal : public ::testing::Test {
   }
   ~CpSignal() override { cp_->Shutdown(); }
 
-  // A signal buffer with `marker` and its terminator, then `record` bytes.
+  // A zeroed signal buffer that starts with `marker`, and one value put into it at `offset`.
   static std::vector<char> Buffer(const std::string& marker) {
     std::vector<char> buffer(kSignalBufferSize, 0);
     std::memcpy(buffer.data(), marker.data(), marker.size());
     return buffer;
   }
-  static std::vector<char> MgcpTone(std::int32_t pattern) {
-    auto b = Buffer("mgcp_tone");
-    std::memcpy(b.data() + kTonePatternOffset, &pattern, 4);
+  static std::vector<char> Put(std::vector<char> b, std::size_t offset, std::uint32_t value) {
+    std::memcpy(b.data() + offset, &value, 4);
     return b;
   }
-  static std::vector<char> Ks(std::uint32_t key, std::uint32_t status) {
-    auto b = Buffer("ks");
-    std::memcpy(b.data() + kKsKeyCodeOffset, &key, 4);
-    std::memcpy(b.data() + kKsStateOffset, &status, 4);
-    return b;
+  static std::vector<char> MgcpTone(std::uint32_t pattern) {
+    return Put(Buffer("mgcp_tone"), kTonePatternOffset, pattern);
   }
   void Signal(const std::vector<char>& buffer) {
     cp_->OnMgcpEvent(MGCP_EVENT_RQNT, buffer.data(), false);
   }
-  void Lamp(std::uint32_t key, std::uint32_t status) { Signal(Ks(key, status)); }
+  void Lamp(std::uint32_t key, std::uint32_t status) {
+    Signal(Put(Put(Buffer("ks"), kKsKeyCodeOffset, key), kKsStateOffset, status));
+  }
   void Connection(std::uint32_t event, int mode) {
     fakes_.mgcp->media.connection_mode = mode;
     cp_->OnMgcpEvent(event, nullptr, false);
+  }
+  // Line `key` made active and its call put on hold, the far end at `connection`:`port`.
+  void HoldLine(std::uint32_t key, const std::string& connection, std::uint16_t port) {
+    Lamp(key, 1);
+    fakes_.mgcp->remote_connection = connection;
+    fakes_.mgcp->media.remote_rtp_port = port;
+    Connection(MGCP_EVENT_CRCX, MGCP_MODE_SENDRECV);
+    Connection(MGCP_EVENT_MDCX, MGCP_MODE_INACTIVE);
+  }
+  // The RTP punches of `passes` punching passes.
+  Lines Punches(int passes) {
+    fakes_.log.Clear();
+    for (int i = 0; i < passes; ++i) cp_->PortPunchPass();
+    return fakes_.log.With("wave.Punch");
   }
   Lines Host() const { return HostCallbacks::log().lines(); }
   Lines Events() const { return HostCallbacks::log().With("event"); }
@@ -68,6 +79,13 @@ class CpSignal : public ::testing::Test {
 };
 
 TEST_F(CpSignal, IncomingCallRingsTalksAndEnds) {
+  Connection(MGCP_EVENT_DLCX, MGCP_MODE_SENDRECV);  // while idle: media closed, no "end"
+  EXPECT_EQ(Events(), (Lines{"event(17,0)", "event(36,0)"}));
+  EXPECT_TRUE(fakes_.log.Contains("wave.SetReceiving(0)"));
+  EXPECT_TRUE(fakes_.log.Contains("wave.ClearBuffer"));
+  ClearHost();
+  fakes_.log.Clear();
+
   fakes_.mgcp->media.ringer_active = true;
   fakes_.mgcp->media.codec = 8;
   Signal(MgcpTone(2));
@@ -91,13 +109,14 @@ TEST_F(CpSignal, IncomingCallRingsTalksAndEnds) {
   Connection(MGCP_EVENT_DLCX, MGCP_MODE_SENDRECV);  // a DLCX is inactive whatever the mode
   EXPECT_EQ(Events(), (Lines{"event(1,3,end)", "event(17,0)", "event(36,0)"}));
   EXPECT_EQ(cp_->call_state(), CP_STATE_IDLE);
-}
 
-TEST_F(CpSignal, DlcxWhileIdleClosesMediaWithoutEnd) {
-  Connection(MGCP_EVENT_DLCX, MGCP_MODE_SENDRECV);
-  EXPECT_EQ(Events(), (Lines{"event(17,0)", "event(36,0)"}));
-  EXPECT_TRUE(fakes_.log.Contains("wave.SetReceiving(0)"));
-  EXPECT_TRUE(fakes_.log.Contains("wave.ClearBuffer"));
+  ASSERT_EQ(cp_->UpdateState(CP_EVENT_LOCAL_OFF_HOOK), 0);  // an outgoing call, talking
+  ASSERT_EQ(cp_->UpdateState(CP_EVENT_MEDIA_ACTIVE), 0);
+  ClearHost();
+  fakes_.mgcp->media.ringer_active = false;
+  Signal(Buffer("end"));  // the "end" marker alone goes straight to idle
+  EXPECT_EQ(Host(), (Lines{"event(1,3,end)"}));
+  EXPECT_EQ(cp_->call_state(), CP_STATE_IDLE);
 }
 
 TEST_F(CpSignal, RecvOnlyAndUnusableAddresses) {
@@ -155,15 +174,6 @@ TEST_F(CpSignal, MarkersReachTheHostByTheirCodes) {
   EXPECT_EQ(cp_->call_state(), CP_STATE_IDLE);
 }
 
-TEST_F(CpSignal, EndWhileTalkingGoesIdleDirectly) {
-  ASSERT_EQ(cp_->UpdateState(CP_EVENT_LOCAL_OFF_HOOK), 0);
-  ASSERT_EQ(cp_->UpdateState(CP_EVENT_MEDIA_ACTIVE), 0);
-  ASSERT_EQ(cp_->call_state(), CP_STATE_TALKING);
-  Signal(Buffer("end"));
-  EXPECT_EQ(Host(), (Lines{"event(1,3,end)"}));
-  EXPECT_EQ(cp_->call_state(), CP_STATE_IDLE);
-}
-
 TEST_F(CpSignal, LampsKeepTheLineKeyState) {
   Lamp(0x0c30, 1);  // no line key: the host hears it, nothing is kept
   EXPECT_EQ(Host(), (Lines{"led(3120,1)"}));
@@ -179,20 +189,12 @@ TEST_F(CpSignal, LampsKeepTheLineKeyState) {
     bool hold;
     bool transfer;
   };
-  // Line 2 (key 0x0c01) through the lamp table, one transition at a time.
+  // Line 2 (key 0x0c01), lamp by lamp: 5 after 0 does nothing, 5 after 1 is a hold for a
+  // transfer, 4 changes nothing, 1 clears both, 2 and red clear the hold only, 5 after red
+  // does nothing, off clears everything.
   const std::vector<Step> steps = {
-      {5, false, false},  // 5 after 0: nothing
-      {1, false, false},  //
-      {5, true, true},    // 5 after 1: held by a transfer
-      {4, true, true},    // 4: no change
-      {1, false, false},  // 1 after 4: both clear
-      {5, true, true},    //
-      {2, false, true},   // 2: hold clears, transfer stays
-      {1, false, false},  // 1: transfer clears
-      {5, true, true},    //
-      {9, false, true},   // red: hold clears
-      {5, false, true},   // 5 after red: nothing
-      {0, false, false},  // off: everything
+      {5, 0, 0}, {1, 0, 0}, {5, 1, 1}, {4, 1, 1}, {1, 0, 0}, {5, 1, 1},
+      {2, 0, 1}, {1, 0, 0}, {5, 1, 1}, {9, 0, 1}, {5, 0, 1}, {0, 0, 0},
   };
   for (const Step& s : steps) {
     SCOPED_TRACE(s.status);
@@ -214,53 +216,33 @@ TEST_F(CpSignal, HeldCallIsPunchedAndResumedAtItsFarEnd) {
   Connection(MGCP_EVENT_CRCX, MGCP_MODE_SENDRECV);
   EXPECT_EQ(cp_->line_key(1).remote_ip, 0x0a000005u);
   EXPECT_FALSE(cp_->line_key(1).hold);
-
   Connection(MGCP_EVENT_MDCX, MGCP_MODE_INACTIVE);  // put on hold
   EXPECT_TRUE(cp_->line_key(1).hold);
 
-  fakes_.log.Clear();
-  for (int pass = 0; pass < 3; ++pass) cp_->PortPunchPass();
-  EXPECT_EQ(fakes_.log.With("wave.Punch").size(), 3u) << "interval 1: every pass";
+  EXPECT_EQ(Punches(3), Lines(3, "wave.Punch(167772165,4002)")) << "interval 1: every pass";
   EXPECT_EQ(fakes_.log.With("mgcp.Punch").size(), 1u) << "interval 3: every third pass";
-  EXPECT_EQ(fakes_.log.With("wave.Punch")[0], "wave.Punch(167772165,4002)");
 
   Connection(MGCP_EVENT_MDCX, MGCP_MODE_SENDRECV);  // taken back
   EXPECT_FALSE(cp_->line_key(1).hold);
-  fakes_.log.Clear();
-  cp_->PortPunchPass();
-  EXPECT_TRUE(fakes_.log.With("wave.Punch").empty());
+  EXPECT_TRUE(Punches(1).empty());
 }
 
 TEST_F(CpSignal, PunchFailuresRetryAndStopTheWalk) {
   fakes_.ptap->config().parameters[PTAP_PARAM_RTP_PUNCH_INTERVAL] = 2;
-  // Two held lines: 1 and 3.
-  for (std::uint32_t key : {0x0c00u, 0x0c02u}) {
-    Lamp(key, 1);
-    fakes_.mgcp->remote_connection = "IN IP4 0.0.12." + std::to_string(key & 0xff);
-    fakes_.mgcp->media.remote_rtp_port = static_cast<std::uint16_t>(key + 1);
-    Connection(MGCP_EVENT_CRCX, MGCP_MODE_SENDRECV);
-    Connection(MGCP_EVENT_MDCX, MGCP_MODE_INACTIVE);
-  }
+  HoldLine(0x0c00, "IN IP4 0.0.12.0", 0x0c01);  // line 1
+  HoldLine(0x0c02, "IN IP4 0.0.12.2", 0x0c03);  // line 3
   ASSERT_TRUE(cp_->line_key(1).hold);
   ASSERT_TRUE(cp_->line_key(3).hold);
 
-  fakes_.log.Clear();
-  cp_->PortPunchPass();
-  EXPECT_TRUE(fakes_.log.With("wave.Punch").empty()) << "count 1 of 2";
-  cp_->PortPunchPass();
-  EXPECT_EQ(fakes_.log.With("wave.Punch"),
-            (Lines{"wave.Punch(3072,3073)", "wave.Punch(3074,3075)"})) << "lowest index first";
+  EXPECT_TRUE(Punches(1).empty()) << "count 1 of 2";
+  EXPECT_EQ(Punches(1), (Lines{"wave.Punch(3072,3073)", "wave.Punch(3074,3075)"}))
+      << "lowest index first";
 
   // A failure on the first line leaves the second out, and the next pass tries again.
   fakes_.wave->config().punch_results = {1};
-  fakes_.log.Clear();
-  cp_->PortPunchPass();
-  cp_->PortPunchPass();
-  EXPECT_EQ(fakes_.log.With("wave.Punch"), (Lines{"wave.Punch(3072,3073)"}));
+  EXPECT_EQ(Punches(2), (Lines{"wave.Punch(3072,3073)"}));
   EXPECT_TRUE(trace_.Has("[CP :: ERROR] Port punching packet transmission failed: RTP"));
-  fakes_.log.Clear();
-  cp_->PortPunchPass();
-  EXPECT_EQ(fakes_.log.With("wave.Punch").size(), 2u);
+  EXPECT_EQ(Punches(1).size(), 2u);
 }
 
 TEST_F(CpSignal, PunchKeyLookupEdgeCases) {

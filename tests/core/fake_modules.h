@@ -50,9 +50,9 @@ class CallLog {
   std::vector<std::string> lines_;
 };
 
-inline std::string Call(const char* name, std::initializer_list<std::uint64_t> args = {}) {
+// "name(a,b)"
+inline std::string Call(const char* name, std::initializer_list<std::uint64_t> args) {
   std::string line = name;
-  if (args.size() == 0) return line;
   const char* sep = "(";
   for (std::uint64_t a : args) {
     line += sep + std::to_string(a);
@@ -77,15 +77,8 @@ struct FakePtapConfig {
 
 class FakePtap final : public IPtap {
  public:
-  FakePtap(CallLog& log, const FakePtapConfig& config) : log_(log), config_(config) {
-    ++live;
-    container_.result_code = 99;
-    container_.keepalive_timeout = 30;
-  }
-  ~FakePtap() override {
-    --live;
-    log_.Add("ptap.destroyed");
-  }
+  FakePtap(CallLog& log, const FakePtapConfig& config) : log_(log), config_(config) { ++live; }
+  ~FakePtap() override { --live; log_.Add("ptap.destroyed"); }
   int Start() override { return log_.Add("ptap.Start"), config_.start_result; }
   int Shutdown() override { return log_.Add("ptap.Shutdown"), 0; }
   int SetNetworkData(const NetworkInitData* data) override {
@@ -101,10 +94,8 @@ class FakePtap final : public IPtap {
     log_.Add(line + ")");
     if (type == PTAP_TYPE_START) {
       if (config_.send_start_result == 1) return 1;
-      if (config_.answer_start && observer_) {
-        int event = config_.answer_event;
-        observer_->OnPtapEvent(&event);
-      }
+      const int event = config_.answer_event;
+      if (config_.answer_start && observer_) observer_->OnPtapEvent(&event);
       return config_.send_start_result;
     }
     if (type == PTAP_TYPE_OP_BEGIN) return config_.send_op_begin_result;
@@ -117,11 +108,12 @@ class FakePtap final : public IPtap {
   }
   int GetParameterContainer(PtapParameterContainer* out) const override {
     if (out == nullptr || !config_.has_container) return 1;
-    *out = container_;
+    *out = PtapParameterContainer{};
+    out->result_code = 99;
+    out->keepalive_timeout = 30;
     return 0;
   }
 
-  PtapObserver* observer() const { return observer_; }
   PtapParent* parent() const { return parent_; }
   FakePtapConfig& config() { return config_; }
 
@@ -133,7 +125,6 @@ class FakePtap final : public IPtap {
   const NetworkInitData* data_ = nullptr;
   PtapParent* parent_ = nullptr;
   PtapObserver* observer_ = nullptr;
-  PtapParameterContainer container_{};
 };
 
 struct FakeMgcpConfig {
@@ -142,22 +133,16 @@ struct FakeMgcpConfig {
   int post_rsip_result = 0;
   // The RSIP answer arrives this many simulated ms after it was posted; negative: never.
   std::int64_t rsip_ack_after_ms = 0;
-  int punch_result = 0;
 };
 
 class FakeMgcp final : public IMgcp {
  public:
   FakeMgcp(CallLog& log, const FakeMgcpConfig& config, platform::Clock& clock)
-      : log_(log), config_(config), clock_(clock) {
-    ++live;
-  }
-  ~FakeMgcp() override {
-    --live;
-    log_.Add("mgcp.destroyed");
-  }
+      : log_(log), config_(config), clock_(clock) { ++live; }
+  ~FakeMgcp() override { --live; log_.Add("mgcp.destroyed"); }
   int Start() override { return log_.Add("mgcp.Start"), config_.start_result; }
   int Shutdown() override { return log_.Add("mgcp.Shutdown"), 0; }
-  int SetParent(MgcpParent* parent) override { return parent_ = parent, 0; }
+  int SetParent(MgcpParent*) override { return 0; }
   void SetPorts(std::uint16_t local, std::uint16_t pbx) override {
     log_.Add(Call("mgcp.SetPorts", {local, pbx}));
   }
@@ -178,16 +163,13 @@ class FakeMgcp final : public IMgcp {
     if (rsip_posted_at_ms_ < 0 || config_.rsip_ack_after_ms < 0) return false;
     return clock_.SteadyMs() - rsip_posted_at_ms_ >= config_.rsip_ack_after_ms;
   }
-  int SendPunch() override { return log_.Add("mgcp.Punch"), config_.punch_result; }
+  int SendPunch() override { return log_.Add("mgcp.Punch"), 0; }
   MgcpMediaState MediaState() const override {
     MgcpMediaState state = media;
     state.remote_connection = remote_connection;
     return state;
   }
   void SetConnectionMode(int mode) override { media.connection_mode = mode; }
-
-  MgcpParent* parent() const { return parent_; }
-  FakeMgcpConfig& config() { return config_; }
 
   MgcpMediaState media;
   std::string remote_connection = "IN IP4 192.168.1.20";
@@ -197,7 +179,6 @@ class FakeMgcp final : public IMgcp {
   CallLog& log_;
   FakeMgcpConfig config_;
   platform::Clock& clock_;
-  MgcpParent* parent_ = nullptr;
   std::int64_t rsip_posted_at_ms_ = -1;
 };
 
@@ -209,21 +190,16 @@ struct FakeWaveConfig {
 class FakeWave final : public IWave {
  public:
   FakeWave(CallLog& log, const FakeWaveConfig& config) : log_(log), config_(config) { ++live; }
-  ~FakeWave() override {
-    --live;
-    log_.Add("wave.destroyed");
-  }
+  ~FakeWave() override { --live; log_.Add("wave.destroyed"); }
   int Start() override { return log_.Add("wave.Start"), config_.start_result; }
   int Shutdown() override { return log_.Add("wave.Shutdown"), 0; }
   int StartSession() override { return log_.Add("wave.StartSession"), 0; }
   void SetLocalPort(std::uint16_t port) override { log_.Add(Call("wave.SetLocalPort", {port})); }
   void SetRemotePort(std::uint32_t port) override {
-    remote_port = port;
-    log_.Add(Call("wave.SetRemotePort", {port}));
+    log_.Add(Call("wave.SetRemotePort", {remote_port = port}));
   }
   void SetRemoteIp(std::uint32_t ip) override {
-    remote_ip = ip;
-    log_.Add(Call("wave.SetRemoteIp", {ip}));
+    log_.Add(Call("wave.SetRemoteIp", {remote_ip = ip}));
   }
   void SetReceiving(bool on) override { log_.Add(Call("wave.SetReceiving", {on})); }
   void ClearBuffer() override { log_.Add("wave.ClearBuffer"); }
@@ -325,19 +301,15 @@ struct HostCallbacks {
   static void System(std::uint32_t code, std::uint32_t, std::uint32_t) {
     log().Add("system(" + std::to_string(static_cast<std::int32_t>(code)) + ")");
   }
-  static NetworkInitData Data(bool with_callbacks = true) {
+  static NetworkInitData Data() {
     NetworkInitData data{};
     data.start_code = 1;
-    data.local_ip = 0x7f000001;
-    data.pbx_ip = 0x7f000001;
-    const std::uint8_t mac[6] = {0x00, 0x11, 0x22, 0xaa, 0xbb, 0xcc};
-    std::memcpy(data.mac_address, mac, sizeof(mac));
-    if (with_callbacks) {
-      data.event_callback = &Event;
-      data.led_callback = &Led;
-      data.display_callback = &Display;
-      data.system_callback = &System;
-    }
+    data.local_ip = data.pbx_ip = 0x7f000001;
+    std::memcpy(data.mac_address, "\x00\x11\x22\xaa\xbb\xcc", 6);
+    data.event_callback = &Event;
+    data.led_callback = &Led;
+    data.display_callback = &Display;
+    data.system_callback = &System;
     return data;
   }
 };

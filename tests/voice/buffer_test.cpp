@@ -248,23 +248,19 @@ TEST_F(BufferTest, BadInputAndShortOutputAreas) {
   std::array<std::int16_t, 160> frame{};
   const std::int32_t negative = -1, above = 65536, ten = 10;
   const std::uint32_t ts = 1000, zero = 0, full = 320, over = 321;
-  struct Row {
+  const std::int16_t* f = frame.data();
+  const struct {
     const char* name;
     const std::int16_t* samples;
     const std::int32_t* seq;
     const std::uint32_t *timestamp, *size;
+  } rows[] = {
+      {"negative number", f, &negative, &ts, &full}, {"number above 65,535", f, &above, &ts, &full},
+      {"size 0", f, &ten, &ts, &zero},               {"size above a frame", f, &ten, &ts, &over},
+      {"no samples", nullptr, &ten, &ts, &full},     {"no number", f, nullptr, &ts, &full},
+      {"no timestamp", f, &ten, nullptr, &full},     {"no size", f, &ten, &ts, nullptr},
   };
-  const Row rows[] = {
-      {"negative number", frame.data(), &negative, &ts, &full},
-      {"number above 65,535", frame.data(), &above, &ts, &full},
-      {"size 0", frame.data(), &ten, &ts, &zero},
-      {"size above a frame", frame.data(), &ten, &ts, &over},
-      {"no samples", nullptr, &ten, &ts, &full},
-      {"no number", frame.data(), nullptr, &ts, &full},
-      {"no timestamp", frame.data(), &ten, nullptr, &full},
-      {"no size", frame.data(), &ten, &ts, nullptr},
-  };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     EXPECT_EQ(buffer_->PutFrame(row.samples, row.seq, row.timestamp, row.size, nullptr), 1);
     EXPECT_EQ(buffer_->GetReadPos(), -1);
@@ -294,30 +290,26 @@ TEST_F(BufferTest, BadInputAndShortOutputAreas) {
   EXPECT_EQ(buffer_->GetFrames(frame, nullptr), 0);  // no size wanted
 }
 
-TEST(Buffer, UseBeforeStartAndAfterShutdown) {
-  FakeClock clock(FakeClock::Mode::kManual);
-  CBuffer buffer(clock);
+TEST_F(BufferTest, UseBeforeStartAndAfterShutdown) {
+  buffer_ = std::make_unique<CBuffer>(clock_);
   std::array<std::int16_t, 160> frame{};
-  const std::int32_t seq = 1;
-  const std::uint32_t ts = 160, size = 320;
   std::uint32_t got = 9;
-  auto put = [&] { return buffer.PutFrame(frame.data(), &seq, &ts, &size); };
-  EXPECT_EQ(put(), 1);
-  EXPECT_EQ(buffer.GetFrames(frame, &got), CBuffer::kNotPlaying);
+  EXPECT_EQ(Put(1), 1);
+  EXPECT_EQ(buffer_->GetFrames(frame, &got), CBuffer::kNotPlaying);
   EXPECT_EQ(got, 0u);
-  buffer.Reset();
-  EXPECT_EQ(buffer.Start(), 0);
-  EXPECT_EQ(put(), 0);
-  EXPECT_EQ(buffer.Start(), 0);  // again: the table stays, its frames go
-  EXPECT_EQ(buffer.GetFramesHeld(), 0u);
-  EXPECT_EQ(put(), 0);
-  EXPECT_EQ(buffer.Shutdown(), 0);
-  EXPECT_EQ(buffer.Shutdown(), 0);
-  EXPECT_EQ(buffer.GetFrameCapacity(), 0u);
-  EXPECT_EQ(put(), 1);
-  EXPECT_EQ(buffer.GetFrames(frame, &got), CBuffer::kNotPlaying);
-  EXPECT_EQ(buffer.ClearRange(-1, 5, false, false), 1);
-  EXPECT_EQ(buffer.ClearRange(0, 65537, false, false), 1);
+  buffer_->Reset();
+  EXPECT_EQ(buffer_->Start(), 0);
+  EXPECT_EQ(Put(1), 0);
+  EXPECT_EQ(buffer_->Start(), 0);  // again: the table stays, its frames go
+  EXPECT_EQ(buffer_->GetFramesHeld(), 0u);
+  EXPECT_EQ(Put(1), 0);
+  EXPECT_EQ(buffer_->Shutdown(), 0);
+  EXPECT_EQ(buffer_->Shutdown(), 0);
+  EXPECT_EQ(buffer_->GetFrameCapacity(), 0u);
+  EXPECT_EQ(Put(1), 1);
+  EXPECT_EQ(buffer_->GetFrames(frame, &got), CBuffer::kNotPlaying);
+  EXPECT_EQ(buffer_->ClearRange(-1, 5, false, false), 1);
+  EXPECT_EQ(buffer_->ClearRange(0, 65537, false, false), 1);
 }
 
 TEST(Buffer, ThreeThreadsShareTheBuffer) {

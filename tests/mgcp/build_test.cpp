@@ -13,8 +13,6 @@ namespace {
 
 using namespace mgcp_test;
 
-const std::string kHead = " " + std::string(kEndpoint) + " MGCP 1.0\r\n";
-
 std::string Ntfy(MgcpControlBlock& block, const char* key) {
   MgcpPacket packet;
   EXPECT_EQ(ProcessMessage(5, block, &packet, key), 0);

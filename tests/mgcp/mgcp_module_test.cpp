@@ -1,14 +1,12 @@
-// CMgcp over loopback with a scripted PBX socket, in real time: the RSIP gate, commands and
-// their answers, resending, life and threads. The schedules are tested in simulated time.
+// CMgcp over loopback with a scripted PBX socket, in real time: the RSIP gate, answers, resends.
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstring>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
+#include <tuple>
 #include <vector>
 
 #include "testing/eventually.h"
@@ -19,13 +17,12 @@ namespace deskline {
 namespace {
 
 constexpr std::uint32_t kLoopback = 0x7F000001;
-const std::string kHead = " " + std::string(mgcp_test::kEndpoint) + " MGCP 1.0\r\n";
+using mgcp_test::kHead;
 
 class FakeParent final : public MgcpParent {
  public:
   struct Event {
     std::uint32_t event;
-    bool take_lock;
     SignalBuffer signal{};
     MgcpMediaState media;
     std::string connection;  // the media state's view points into the block: copied
@@ -34,26 +31,21 @@ class FakeParent final : public MgcpParent {
   explicit FakeParent(CMgcp& mgcp) : mgcp_(mgcp) {}
 
   int OnMgcpEvent(std::uint32_t event, const char* data, bool take_lock) override {
-    Event record{event, take_lock};
-    if (event == MGCP_EVENT_RQNT && data) {
-      std::memcpy(record.signal.data(), data, kSignalBufferSize);
-    }
-    record.media = mgcp_.MediaState();
-    record.connection = std::string(record.media.remote_connection);
-    EXPECT_TRUE(event_lock_.try_lock());  // the endpoint posts with the event lock held
+    Event e{event};
+    EXPECT_FALSE(take_lock);  // false: the endpoint already holds the event lock
+    if (event == MGCP_EVENT_RQNT && data) std::memcpy(e.signal.data(), data, kSignalBufferSize);
+    e.media = mgcp_.MediaState();
+    e.connection = std::string(e.media.remote_connection);
+    EXPECT_TRUE(event_lock_.try_lock());  // held by this thread if by any
     event_lock_.unlock();
     std::lock_guard lock(mutex_);
-    events_.push_back(record);
+    events_.push_back(e);
     return 0;
   }
   int SetEventLock(bool take) override {
-    if (take) {
-      event_lock_.lock();
-      ++balance_;
-    } else {
-      --balance_;
-      event_lock_.unlock();
-    }
+    if (take) event_lock_.lock();
+    balance_ += take ? 1 : -1;
+    if (!take) event_lock_.unlock();
     return 0;
   }
   std::vector<Event> events() {
@@ -69,41 +61,7 @@ class FakeParent final : public MgcpParent {
   std::vector<Event> events_;
 };
 
-// The PBX's side: one loopback socket.
-class FakePbx {
- public:
-  FakePbx() { EXPECT_TRUE(socket_.Open({kLoopback, 0})); }
-  std::uint16_t port() const { return socket_.LocalEndpoint()->port; }
-  void Send(std::uint16_t to_port, std::string_view text) {
-    EXPECT_TRUE(socket_.SendTo(std::as_bytes(std::span(text.data(), text.size())),
-                               {kLoopback, to_port}));
-  }
-  // The next datagram that is not a resend of `skip`.
-  std::optional<std::string> Receive(std::string_view skip = {}, int timeout_ms = 3000) {
-    for (int i = 0; i < 20; ++i) {
-      char buffer[2048];
-      bool timed_out = false;
-      const auto got = socket_.ReceiveFor(std::as_writable_bytes(std::span<char>(buffer)), nullptr,
-                                          timeout_ms, &timed_out);
-      if (!got || timed_out) return std::nullopt;
-      if (std::string_view(buffer, *got) != skip) return std::string(buffer, *got);
-    }
-    return std::nullopt;
-  }
-
- private:
-  platform::UdpSocket socket_;
-};
-
 using testing::Eventually;
-
-NetworkInitData LoopbackData() {
-  NetworkInitData data{};
-  data.local_ip = kLoopback;
-  data.pbx_ip = kLoopback;
-  std::memcpy(data.mac_address, mgcp_test::kMac, 6);
-  return data;
-}
 
 // The answer with the local SDP for the loopback address and media port 8000.
 std::string WithSdp(const std::string& first_line, int connection_id) {
@@ -115,13 +73,33 @@ std::string WithSdp(const std::string& first_line, int connection_id) {
 class MgcpModuleTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    ASSERT_TRUE(pbx_.Open({kLoopback, 0}));
+    data_.local_ip = data_.pbx_ip = kLoopback;
+    std::memcpy(data_.mac_address, mgcp_test::kMac, 6);
     mgcp_.SetParent(&parent_);
-    mgcp_.SetPorts(0, pbx_.port());
+    mgcp_.SetPorts(0, pbx_.LocalEndpoint()->port);
     ASSERT_EQ(mgcp_.SetNetworkInitData(&data_), 0);
   }
   void TearDown() override {
     mgcp_.Shutdown();
     EXPECT_EQ(parent_.balance_, 0);
+  }
+
+  // The PBX's side of the loopback.
+  void Send(std::string_view text) {
+    EXPECT_TRUE(pbx_.SendTo(std::as_bytes(std::span(text)), {kLoopback, port_}));
+  }
+  // The next datagram that is not a resend of `skip`.
+  std::optional<std::string> Receive(std::string_view skip = {}, int timeout_ms = 3000) {
+    for (int i = 0; i < 20; ++i) {
+      char buffer[2048];
+      bool timed_out = false;
+      const auto got = pbx_.ReceiveFor(std::as_writable_bytes(std::span<char>(buffer)), nullptr,
+                                       timeout_ms, &timed_out);
+      if (!got || timed_out) return std::nullopt;
+      if (std::string_view(buffer, *got) != skip) return std::string(buffer, *got);
+    }
+    return std::nullopt;
   }
 
   // Start and RSIP; `answer` acknowledges it.
@@ -131,16 +109,16 @@ class MgcpModuleTest : public ::testing::Test {
     port_ = mgcp_.LocalPort();
     ASSERT_NE(port_, 0);
     mgcp_.PostEvent(MGCP_EVENT_SEND_RSIP, nullptr);
-    ASSERT_EQ(pbx_.Receive(), rsip_);
+    ASSERT_EQ(Receive(), rsip_);
     if (answer == nullptr) return;
     EXPECT_FALSE(mgcp_.IsRsipAcknowledged());
-    pbx_.Send(port_, answer);
+    Send(answer);
     ASSERT_TRUE(Eventually([&] { return mgcp_.IsRsipAcknowledged(); }));
   }
 
   const std::string rsip_ = "RSIP 1" + kHead + "RM: restart\r\n";
-  NetworkInitData data_ = LoopbackData();
-  FakePbx pbx_;
+  NetworkInitData data_{};
+  platform::UdpSocket pbx_;
   CMgcp mgcp_;
   FakeParent parent_{mgcp_};
   std::uint16_t port_ = 0;
@@ -148,71 +126,69 @@ class MgcpModuleTest : public ::testing::Test {
 
 TEST_F(MgcpModuleTest, CommandsBeforeTheRsipAnswerAreDropped) {
   Start(nullptr);
-  pbx_.Send(port_, "DLCX 5" + kHead);
-  EXPECT_EQ(pbx_.Receive(rsip_, 700), std::nullopt);  // only RSIP resends, no answer
+  Send("DLCX 5" + kHead);
+  EXPECT_EQ(Receive(rsip_, 700), std::nullopt);  // only RSIP resends, no answer
   EXPECT_TRUE(parent_.events().empty());
-  pbx_.Send(port_, "100 1\r\n");  // a provisional answer acknowledges as well
+  Send("100 1\r\n");  // a provisional answer acknowledges as well
   EXPECT_TRUE(Eventually([&] { return mgcp_.IsRsipAcknowledged() && mgcp_.PendingCount() == 0; }));
 }
 
 TEST_F(MgcpModuleTest, CommandsAreToldThenAnswered) {
   Start();
-  pbx_.Send(port_, "CRCX 5" + kHead +
+  Send("CRCX 5" + kHead +
                        "C: A3C47F21\r\nM: recvonly\r\n\r\nv=0\r\nc=IN IP4 127.0.0.1\r\n"
                        "m=audio 49170 RTP/AVP 0 18\r\na=rtpmap:18 G729/8000\r\n");
-  EXPECT_EQ(pbx_.Receive(rsip_), "100 5\r\n");
-  EXPECT_EQ(pbx_.Receive(rsip_), WithSdp("200 5 OK\r\n", 0));
+  EXPECT_EQ(Receive(rsip_), "100 5\r\n");
+  EXPECT_EQ(Receive(rsip_), WithSdp("200 5 OK\r\n", 0));
   // MDCX: the SDP rides on the provisional answer.
-  pbx_.Send(port_, "MDCX 6" + kHead + "C: A3C47F21\r\nI: 12\r\nM: sendrecv\r\n");
-  EXPECT_EQ(pbx_.Receive(rsip_), WithSdp("100 6\r\n", 12));
-  EXPECT_EQ(pbx_.Receive(rsip_), "200 6 OK\r\n");
+  Send("MDCX 6" + kHead + "C: A3C47F21\r\nI: 12\r\nM: sendrecv\r\n");
+  EXPECT_EQ(Receive(rsip_), WithSdp("100 6\r\n", 12));
+  EXPECT_EQ(Receive(rsip_), "200 6 OK\r\n");
   // Another endpoint's command is answered but not told; a CRCX still gets the SDP.
-  pbx_.Send(port_, "DLCX 7 d1@ffffffffffff MGCP 1.0\r\n");
-  EXPECT_EQ(pbx_.Receive(rsip_), "250 7\r\n");
-  pbx_.Send(port_, "CRCX 10 d1@ffffffffffff MGCP 1.0\r\nC: x\r\n");
-  EXPECT_EQ(pbx_.Receive(rsip_), "100 10\r\n");
-  EXPECT_EQ(pbx_.Receive(rsip_), WithSdp("200 10 OK\r\n", 12));
+  Send("DLCX 7 d1@ffffffffffff MGCP 1.0\r\n");
+  EXPECT_EQ(Receive(rsip_), "250 7\r\n");
+  Send("CRCX 10 d1@ffffffffffff MGCP 1.0\r\nC: x\r\n");
+  EXPECT_EQ(Receive(rsip_), "100 10\r\n");
+  EXPECT_EQ(Receive(rsip_), WithSdp("200 10 OK\r\n", 12));
   // An audit counts as a response and an empty datagram is skipped: neither is answered.
-  pbx_.Send(port_, "AUEP 3" + kHead);
-  pbx_.Send(port_, "");
-  pbx_.Send(port_, "RQNT 9" + kHead + "S: X-P/ks(0201,gon),X-P/ring(010203)\r\n");
-  EXPECT_EQ(pbx_.Receive(rsip_), "200 9 OK\r\n");
-  pbx_.Send(port_, "DLCX 8" + kHead + "C: A3C47F21\r\nI: 12\r\n");
-  EXPECT_EQ(pbx_.Receive(rsip_), "250 8\r\n");
+  Send("AUEP 3" + kHead);
+  Send("");
+  Send("RQNT 9" + kHead + "S: X-P/ks(0201,gon),X-P/ring(010203)\r\n");
+  EXPECT_EQ(Receive(rsip_), "200 9 OK\r\n");
+  Send("DLCX 8" + kHead + "C: A3C47F21\r\nI: 12\r\n");
+  EXPECT_EQ(Receive(rsip_), "250 8\r\n");
 
   const auto events = parent_.events();
+  std::vector<std::uint32_t> kinds;
+  for (const auto& e : events) kinds.push_back(e.event);
+  EXPECT_EQ(kinds, (std::vector<std::uint32_t>{MGCP_EVENT_CRCX, MGCP_EVENT_MDCX, MGCP_EVENT_RQNT,
+                                               MGCP_EVENT_RQNT, MGCP_EVENT_DLCX}));
   ASSERT_EQ(events.size(), 5u);
-  EXPECT_EQ(events[0].event, MGCP_EVENT_CRCX);
-  EXPECT_FALSE(events[0].take_lock);
-  EXPECT_EQ(events[0].connection, "IN IP4 127.0.0.1");
-  EXPECT_EQ(events[0].media.remote_rtp_port, 49170);
-  EXPECT_EQ(events[0].media.local_rtp_port, 8000);
-  EXPECT_EQ(events[0].media.codec, 18u);
-  EXPECT_EQ(events[0].media.connection_mode, MGCP_MODE_RECVONLY);
-  EXPECT_EQ(events[1].event, MGCP_EVENT_MDCX);
+  const MgcpMediaState& crcx = events[0].media;
+  EXPECT_EQ(std::tuple(events[0].connection, crcx.remote_rtp_port, crcx.local_rtp_port, crcx.codec,
+                       crcx.connection_mode),
+            std::tuple(std::string("IN IP4 127.0.0.1"), 49170, 8000, 18u, MGCP_MODE_RECVONLY));
   EXPECT_EQ(events[1].media.connection_mode, MGCP_MODE_SENDRECV);
-  EXPECT_EQ(events[2].event, MGCP_EVENT_RQNT);
   EXPECT_EQ(std::string(events[2].signal.data(), 2), "ks");
   EXPECT_EQ(std::string(events[3].signal.data()), "mgcp_tone");
   EXPECT_TRUE(events[3].media.ringer_active);
-  EXPECT_EQ(events[4].event, MGCP_EVENT_DLCX);
 }
 
 TEST_F(MgcpModuleTest, NotifyIsResentUntilAnsweredAndResponsesAreNot) {
   Start();
   mgcp_.PostEvent(MGCP_EVENT_SEND_NTFY, "0200");
   const std::string ntfy = "NTFY 2" + kHead + "X: 1\r\nO: X-P/fk0200\r\nK: 1\r\n";
-  EXPECT_EQ(pbx_.Receive(), ntfy);
-  EXPECT_EQ(pbx_.Receive(), ntfy);  // the resend
-  pbx_.Send(port_, "200 2 OK\r\n");
+  EXPECT_EQ(Receive(), ntfy);
+  EXPECT_EQ(Receive(), ntfy);  // the resend
+  Send("200 2 OK\r\n");
   EXPECT_TRUE(Eventually([&] { return mgcp_.PendingCount() == 0; }));
   mgcp_.PostEvent(MGCP_EVENT_SEND_RESPONSE, "400");
-  EXPECT_EQ(pbx_.Receive(ntfy), "400 1\r\n");
+  EXPECT_EQ(Receive(ntfy), "400 1\r\n");
   EXPECT_EQ(mgcp_.PendingCount(), 0);
   mgcp_.PostEvent(MGCP_EVENT_SEND_DLCX, nullptr);
-  EXPECT_EQ(pbx_.Receive(ntfy), "DLCX 1" + kHead + "C: \r\nI: 0\r\n");
+  EXPECT_EQ(Receive(ntfy), "DLCX 1" + kHead + "C: \r\nI: 0\r\n");
   EXPECT_EQ(mgcp_.SendPunch(), 0);
-  EXPECT_EQ(pbx_.Receive(ntfy), "");
+  EXPECT_EQ(Receive(ntfy), "");
 }
 
 TEST_F(MgcpModuleTest, LifeCycle) {
@@ -229,22 +205,16 @@ TEST_F(MgcpModuleTest, LifeCycle) {
   Start();  // everything is built again: the counters restart at 1
 }
 
-TEST(MgcpModuleStandaloneTest, TakenPortOrNoNetworkDataStillStarts) {
-  FakePbx pbx;
+TEST_F(MgcpModuleTest, TakenPortOrNoNetworkDataStillStarts) {
   platform::UdpSocket taken;
   ASSERT_TRUE(taken.Open({0, 0}));
-  NetworkInitData data = LoopbackData();
-  CMgcp mgcp;
-  FakeParent parent(mgcp);
-  mgcp.SetParent(&parent);
-  mgcp.SetPorts(taken.LocalEndpoint()->port, pbx.port());
-  EXPECT_EQ(mgcp.SetNetworkInitData(&data), 0);
-  EXPECT_EQ(mgcp.Start(), 0);
-  mgcp.PostEvent(MGCP_EVENT_SEND_RSIP, nullptr);
-  EXPECT_EQ(pbx.Receive({}, 300), std::nullopt);
-  EXPECT_FALSE(mgcp.IsRsipAcknowledged());
-  EXPECT_EQ(mgcp.SendPunch(), 1);
-  EXPECT_EQ(mgcp.Shutdown(), 0);
+  mgcp_.SetPorts(taken.LocalEndpoint()->port, pbx_.LocalEndpoint()->port);
+  EXPECT_EQ(mgcp_.Start(), 0);
+  mgcp_.PostEvent(MGCP_EVENT_SEND_RSIP, nullptr);
+  EXPECT_EQ(Receive({}, 300), std::nullopt);
+  EXPECT_FALSE(mgcp_.IsRsipAcknowledged());
+  EXPECT_EQ(mgcp_.SendPunch(), 1);
+  EXPECT_EQ(mgcp_.Shutdown(), 0);
 
   CMgcp bare;
   FakeParent bare_parent(bare);

@@ -11,6 +11,8 @@ namespace deskline::mgcp_test {
 
 inline constexpr std::uint8_t kMac[6] = {0x00, 0x11, 0x22, 0xaa, 0xbb, 0xcc};
 inline constexpr std::string_view kEndpoint = "d1@001122aabbcc";
+// What follows the verb and transaction id on a command line for our endpoint.
+inline const std::string kHead = " " + std::string(kEndpoint) + " MGCP 1.0\r\n";
 
 // The block after start with local address 10.0.0.5 and media port 8000.
 inline MgcpControlBlock StartedBlock() {

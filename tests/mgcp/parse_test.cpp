@@ -79,7 +79,7 @@ TEST(MgcpParseTest, TransactionId) {
 }
 
 std::string Command(std::string_view verb, std::string_view rest) {
-  return std::string(verb) + " 41 " + std::string(kEndpoint) + " MGCP 1.0\r\n" + std::string(rest);
+  return std::string(verb) + " 41" + kHead + std::string(rest);
 }
 
 std::string Offer(const std::vector<std::string>& attributes) {
@@ -87,6 +87,22 @@ std::string Offer(const std::vector<std::string>& attributes) {
                      "m=audio 49170 RTP/AVP 0 8 18\r\n";
   for (const std::string& a : attributes) text += "a=" + a + "\r\n";
   return text;
+}
+
+// What the header scan stored: call id | connection mode | connection id | period.
+std::string Headers(const MgcpControlBlock& b) {
+  return std::string(FieldText(b.callId)) + "|" + std::to_string(b.connectionMode) + "|" +
+         std::to_string(b.connectionId) + "|" + std::to_string(b.packetizationPeriod);
+}
+
+// What the SDP reader stored: o= | s= | c= | m= | last a= | RTP port | codec.
+std::string Sdp(const MgcpRemoteSdp& s) {
+  std::string text;
+  for (const auto* field : {&s.remoteOrigin, &s.remoteSessionName, &s.remoteConnection,
+                            &s.remoteMedia, &s.remoteAttribute}) {
+    text += std::string(FieldText(*field)) + "|";
+  }
+  return text + std::to_string(s.remoteRtpPort) + "|" + std::to_string(s.codec);
 }
 
 TEST(MgcpParseTest, CrcxHeadersAndBody) {
@@ -97,59 +113,42 @@ TEST(MgcpParseTest, CrcxHeadersAndBody) {
   EXPECT_EQ(ProcessMessage(1, block, &packet), 0);
   EXPECT_EQ(packet.length, 0u);  // a read writes nothing
   EXPECT_EQ(block.commandTransactionId, 41u);
-  EXPECT_EQ(FieldText(block.callId), "A3C47F21456789F0");
-  EXPECT_EQ(block.packetizationPeriod, 20u);
-  EXPECT_EQ(block.connectionMode, static_cast<std::uint32_t>(MGCP_MODE_RECVONLY));
-  const MgcpRemoteSdp& sdp = block.remoteSdp;
-  EXPECT_EQ(FieldText(sdp.remoteOrigin), "- 1 1 IN IP4 10.0.0.1");
-  EXPECT_EQ(FieldText(sdp.remoteSessionName), "call");
-  EXPECT_EQ(FieldText(sdp.remoteConnection), "IN IP4 10.0.0.9");
-  EXPECT_EQ(FieldText(sdp.remoteMedia), "audio 49170 RTP/AVP 0 8 18");
-  EXPECT_EQ(FieldText(sdp.remoteAttribute), "ptime:20");  // the last a=
-  EXPECT_EQ(sdp.remoteRtpPort, 49170u);
-  EXPECT_EQ(sdp.codec, 18u);
+  EXPECT_EQ(Headers(block), "A3C47F21456789F0|3|0|20");  // 3: recvonly
+  const std::string offer =
+      "- 1 1 IN IP4 10.0.0.1|call|IN IP4 10.0.0.9|audio 49170 RTP/AVP 0 8 18|ptime:20|49170|18";
+  EXPECT_EQ(Sdp(block.remoteSdp), offer);
 
   // An MDCX without SDP leaves the earlier values; a second body restarts the reader.
   packet = PacketOf(Command("MDCX", "M: sendonly\r\n"));
   EXPECT_EQ(ProcessMessage(2, block, &packet), 0);
-  EXPECT_EQ(sdp.codec, 18u);
+  EXPECT_EQ(Sdp(block.remoteSdp), offer);
   packet = PacketOf(Command("MDCX", "\r\n" + Offer({"rtpmap:8 PCMA/8000"}) +
                                         "v=0\r\nm=audio 5004 RTP/AVP 0\r\n"));
   EXPECT_EQ(ProcessMessage(2, block, &packet), 0);
-  EXPECT_EQ(sdp.remoteRtpPort, 5004u);
-  EXPECT_EQ(sdp.codec, 0u);
-  EXPECT_EQ(FieldText(sdp.remoteConnection), "");
+  EXPECT_EQ(Sdp(block.remoteSdp), "|||audio 5004 RTP/AVP 0||5004|0");
 
   // A foreign endpoint reads nothing but the transaction id.
   block = StartedBlock();
   packet = PacketOf("CRCX 55 d1@ffffffffffff MGCP 1.0\r\nC: abc\r\nM: inactive\r\n\r\nv=0\r\n");
   EXPECT_EQ(ProcessMessage(1, block, &packet), 1);
   EXPECT_EQ(block.commandTransactionId, 55u);
-  EXPECT_EQ(FieldText(block.callId), "");
-  EXPECT_EQ(block.connectionMode, 0u);
+  EXPECT_EQ(Headers(block), "|0|0|0");
 }
 
 TEST(MgcpParseTest, HeaderRows) {
-  struct Row {
-    const char* verb;
-    std::string headers, call_id;
-    std::uint32_t mode, connection_id, period;
-  };
+  struct Row { const char* verb; std::string headers, stored; };
   // The block starts with call id "old", mode sendonly (1), connection 5, period 30.
   const Row rows[] = {
-      {"CRCX", "C: " + std::string(28, 'x') + "\r\n", std::string(28, 'x'), 1, 5, 30},  // 31 bytes
-      {"CRCX", "C: " + std::string(29, 'y') + "\r\n", "old", 1, 5, 30},  // 32 bytes: ignored
-      {"CRCX", "C: abc", "old", 1, 5, 30},                              // no CR LF
-      {"MDCX", "M: confrnce\r\n", "old", 1, 5, 30},
-      {"MDCX", "M: sendrecvXYZ\r\n", "old", 0, 5, 30},  // compared for its own length
-      {"MDCX", "M: inactive\r\n", "old", 2, 5, 30},
-      {"MDCX", "I: 77\r\n", "old", 1, 77, 30},
-      {"DLCX", "C: c9\r\nI: 78\r\n", "c9", 1, 78, 30},
-      {"CRCX", "I: 79\r\n", "old", 1, 5, 30},
-      {"DLCX", "M: inactive\r\n", "old", 1, 5, 30},
-      {"CRCX", "L: a:PCMU, p:20\r\n", "old", 1, 5, 30},
-      {"MDCX", "L: p:20\r\n", "old", 1, 5, 30},
-      {"MDCX", "X: M: inactive\r\n", "old", 2, 5, 30},  // a literal inside another line counts
+      {"CRCX", "C: " + std::string(28, 'x') + "\r\n", std::string(28, 'x') + "|1|5|30"},  // 31 B
+      {"CRCX", "C: " + std::string(29, 'y') + "\r\n", "old|1|5|30"},  // 32 bytes: ignored
+      {"CRCX", "C: abc", "old|1|5|30"},                                // no CR LF
+      {"MDCX", "M: confrnce\r\n", "old|1|5|30"},
+      {"MDCX", "M: sendrecvXYZ\r\n", "old|0|5|30"},  // compared for its own length
+      {"MDCX", "M: inactive\r\n", "old|2|5|30"},       {"MDCX", "I: 77\r\n", "old|1|77|30"},
+      {"DLCX", "C: c9\r\nI: 78\r\n", "c9|1|78|30"},     {"CRCX", "I: 79\r\n", "old|1|5|30"},
+      {"DLCX", "M: inactive\r\n", "old|1|5|30"},       {"MDCX", "L: p:20\r\n", "old|1|5|30"},
+      {"CRCX", "L: a:PCMU, p:20\r\n", "old|1|5|30"},
+      {"MDCX", "X: M: inactive\r\n", "old|2|5|30"},  // a literal inside another line counts
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(std::string(row.verb) + " " + row.headers);
@@ -161,10 +160,7 @@ TEST(MgcpParseTest, HeaderRows) {
     MgcpPacket packet = PacketOf(Command(row.verb, row.headers));
     const std::uint32_t operation = row.verb[0] == 'C' ? 1 : row.verb[0] == 'M' ? 2 : 3;
     EXPECT_EQ(ProcessMessage(operation, block, &packet), 0);
-    EXPECT_EQ(FieldText(block.callId), row.call_id);
-    EXPECT_EQ(block.connectionMode, row.mode);
-    EXPECT_EQ(block.connectionId, row.connection_id);
-    EXPECT_EQ(block.packetizationPeriod, row.period);
+    EXPECT_EQ(Headers(block), row.stored);
   }
 }
 
@@ -174,9 +170,8 @@ TEST(MgcpParseTest, BadDatagramsStayInBounds) {
   // Every cut parses without reading past it: the bytes behind the cut are "X".
   for (std::size_t cut = 0; cut <= full.size(); ++cut) {
     MgcpControlBlock block = StartedBlock();
-    MgcpPacket packet = PacketOf(std::string(kMgcpPacketSize, 'X'));
-    packet.Assign(full.substr(0, cut));
-    for (std::size_t i = cut; i < kMgcpPacketSize; ++i) packet.data[i] = 'X';
+    MgcpPacket packet = PacketOf(full.substr(0, cut) + std::string(kMgcpPacketSize - cut, 'X'));
+    packet.length = static_cast<std::uint32_t>(cut);
     ProcessMessage(2, block, &packet);
     EXPECT_EQ(FieldText(block.remoteSdp.remoteConnection).find('X'), std::string_view::npos) << cut;
   }

@@ -1,7 +1,6 @@
 // The X-P signal decoder: the walk over an RQNT and each signal's records.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -16,16 +15,19 @@ using namespace std::string_literals;
 
 // An RQNT whose S: line holds `signals`; without `line_end` the datagram ends right behind it.
 std::string Rqnt(std::string_view signals, bool line_end = true) {
-  return "RQNT 12 " + std::string(kEndpoint) + " MGCP 1.0\r\nX: 1\r\nR: X-P/fk\r\nS: " +
-         std::string(signals) + (line_end ? "\r\n" : "");
+  return "RQNT 12" + kHead + "X: 1\r\nR: X-P/fk\r\nS: " + std::string(signals) +
+         (line_end ? "\r\n" : "");
 }
 
-std::vector<SignalBuffer> Walk(MgcpControlBlock& block, const std::string& text) {
-  MgcpPacket packet = PacketOf(text);
+std::vector<SignalBuffer> Walk(MgcpControlBlock& block, MgcpPacket packet) {
+  const std::uint32_t length = packet.length;
   std::vector<SignalBuffer> posts;
   WalkSignals(block, packet, [&](const SignalBuffer& signal) { posts.push_back(signal); });
-  EXPECT_EQ(packet.length, text.size());  // restored after the walk
+  EXPECT_EQ(packet.length, length);  // restored after the walk
   return posts;
+}
+std::vector<SignalBuffer> Walk(MgcpControlBlock& block, const std::string& text) {
+  return Walk(block, PacketOf(text));
 }
 
 // The one buffer that a single signal gives; `ringer` gets the block's ringer afterwards.
@@ -57,7 +59,7 @@ TEST(MgcpSignalTest, WalkPostsEachSignalInOrder) {
   EXPECT_EQ(block.ringerActive, 0);
 
   // No signal, an unknown name, a broken ks: an empty buffer each, and the next still decodes.
-  posts = Walk(block, "RQNT 12 " + std::string(kEndpoint) + " MGCP 1.0\r\nX: 1\r\n");
+  posts = Walk(block, "RQNT 12" + kHead + "X: 1\r\n");
   ASSERT_EQ(posts.size(), 1u);
   EXPECT_EQ(Content(posts[0]), "");
   posts = Walk(block, Rqnt("X-P/zzz(12),X-P/ks(0201,gon12),X-P/hset(01)"));
@@ -78,15 +80,10 @@ TEST(MgcpSignalTest, ReadsOnlyTheBytesOfTheDatagram) {
            "X-P/las(000018000003414243),X-P/ks(0C2F,r24i),X-P/cspc(0A010200030405)");
   // Every cut decodes as if the bytes behind it were not there.
   for (std::size_t cut = 0; cut <= text.size(); ++cut) {
-    MgcpControlBlock clean = StartedBlock();
-    MgcpControlBlock dirty = StartedBlock();
-    MgcpPacket a = PacketOf(text.substr(0, cut));
-    MgcpPacket b = PacketOf(text);
-    b.length = static_cast<std::uint32_t>(cut);
-    std::vector<SignalBuffer> pa, pb;
-    WalkSignals(clean, a, [&](const SignalBuffer& s) { pa.push_back(s); });
-    WalkSignals(dirty, b, [&](const SignalBuffer& s) { pb.push_back(s); });
-    EXPECT_EQ(pa, pb) << cut;
+    MgcpControlBlock clean = StartedBlock(), dirty = StartedBlock();
+    MgcpPacket whole = PacketOf(text);
+    whole.length = static_cast<std::uint32_t>(cut);
+    EXPECT_EQ(Walk(clean, text.substr(0, cut)), Walk(dirty, whole)) << cut;
   }
   // Cut inside a fixed-size argument: nothing decoded, the ringer untouched.
   for (const char* signal :
@@ -105,12 +102,10 @@ TEST(MgcpSignalTest, MarkerRows) {
       {"X-P/pctl(11)", "sp_on_offhook"}, {"X-P/pctl(01)", "bgm_mute"}, {"X-P/pctl(21)", "mute"},
       {"X-P/pctl(23)", "mute"}, {"X-P/pctl(03)", "sp_on"}, {"X-P/pctl(13)", ""},
       {"X-P/pctl(20)", "mute"}, {"X-P/pctl(00)", "sp_off"}, {"X-P/pctl(10)", ""},
-      {"X-P/pctl(02)", "unmute"}, {"X-P/pctl(19)", "unmute"},
-      {"X-P/dtm(65)", "dtmx"}, {"X-P/dtm(70)", "dtmp"}, {"X-P/dtm(72)", "dtmr"},
-      {"X-P/dtm(99)", ""},
+      {"X-P/pctl(02)", "unmute"}, {"X-P/pctl(19)", "unmute"}, {"X-P/dtm(65)", "dtmx"},
+      {"X-P/dtm(70)", "dtmp"}, {"X-P/dtm(72)", "dtmr"}, {"X-P/dtm(99)", ""},
       {"X-P/las(0000170000020102)", ""}, {"X-P/slc(0201)", ""}, {"X-P/slc(0101", ""},
-      {"X-P/tone(1F,1,0,1", ""},
-      {"X-P/las(000018000003414243)", "key\x03" "ABC"},
+      {"X-P/tone(1F,1,0,1", ""}, {"X-P/las(000018000003414243)", "key\x03" "ABC"},
       {"X-P/dtm(73" "102002304000110022" "4142" "0001020305)",  // header, masks, text "AB"
        "dtms\x11\x21\x31\x41\x06\xFA\x01\x11\x01\x22\xF8\x01\x01\x02\x03" "AB"},
       // lcdp openings; a clear although it begins with "22".
@@ -120,17 +115,16 @@ TEST(MgcpSignalTest, MarkerRows) {
       {"X-P/lcdp(3008000018)", "lcdrkey"}, {"X-P/lcdp(3004010203)", "lcdlcdb1\x03\x02\x04"},
       {"X-P/lcdp(3005)", "lcdlcdb0"}, {"X-P/lcdp(300B07)", "lcdlcdb2\x08"},
       {"X-P/lcdp(300C07)", "lcdlcdb3\x08"}, {"X-P/lcdp(3009010203)", "lcdclp\0\0\x03\x02\x04"s},
-      {"X-P/lcdp(30FF)", "lcd"},
       // Display writes: after "22" a byte below 31 stands for that many blanks.
       {"X-P/lcdp(2201020341" "03" "42)", "lcd\x02\x03      A   B"},
       {"X-P/lcdp(2201020341" "00" "42)", "lcd\x02\x03      AB"},
       {"X-P/lcdp(22010203" "41" "1F" "80)", "lcd\x02\x03      A\x1F\x80"},
       {"X-P/lcdp(2101020341" "03" "42)", "lcd\x02\x03      A\x03" "B"},
       {"X-P/lcdp(32000000" "0506" "0708)", "lcd\x01\x01\x01\x05\x06\x08\x09 "},
-      {"X-P/lcdp(3201)", "lcd\x01\x01      "},
-      {"X-P/lcdp(330000)", "lcd\x01\x01     ~"}, {"X-P/lcdp(330001)", "lcd\x01\x01     >"},
-      {"X-P/lcdp(330002)", "lcd\x01\x01     *"}, {"X-P/lcdp(330003)", "lcd\x01\x01     #"},
-      {"X-P/lcdp(330009)", "lcd\x01\x01      "}, {"X-P/lcdp(330100)", "lcd\x01\x01      "},
+      {"X-P/lcdp(3201)", "lcd\x01\x01      "}, {"X-P/lcdp(330000)", "lcd\x01\x01     ~"},
+      {"X-P/lcdp(330001)", "lcd\x01\x01     >"}, {"X-P/lcdp(330002)", "lcd\x01\x01     *"},
+      {"X-P/lcdp(330003)", "lcd\x01\x01     #"}, {"X-P/lcdp(330009)", "lcd\x01\x01      "},
+      {"X-P/lcdp(330100)", "lcd\x01\x01      "}, {"X-P/lcdp(30FF)", "lcd"},
   };
   for (const Row& row : rows) EXPECT_EQ(Content(One(row.signal)), row.content) << row.signal;
   // A display write whose blank runs ask for 7650 bytes stops at the end of the buffer.
@@ -169,12 +163,7 @@ std::vector<std::int32_t> ToneFields(const SignalBuffer& b) {
 }
 
 TEST(MgcpSignalTest, ToneRecords) {
-  struct Row {
-    const char* signal;
-    const char* marker;
-    std::vector<std::int32_t> fields;
-    std::uint8_t ringer;
-  };
+  struct Row { const char *signal, *marker; std::vector<std::int32_t> fields; int ringer; };
   const Row rows[] = {
       {"X-P/vctl(0300)", "voff_tone", {2, -1, -1, -1, 0, -1, -1, -1}, 0},
       {"X-P/vctl(0100)", "mgcp_tone", {2, -1, 0, -1, -1, -1, -1, -1}, 1},
@@ -209,18 +198,18 @@ TEST(MgcpSignalTest, ToneRecords) {
 }
 
 TEST(MgcpSignalTest, PbxSettings) {
-  SignalBuffer buffer = One("X-P/pgmm(05)");
-  EXPECT_EQ(std::string(buffer.data()), "pbx_setting");
-  EXPECT_EQ(LoadSignalI32(buffer, kPbxProgramModeOffset), 5);
-  EXPECT_EQ(LoadSignalI32(buffer, kPbxKeyPadModeOffset), -1);
-  // Count 10: "0102" steps 4, "0003" is a zero item carrying mode 3, "0405" steps 4.
-  buffer = One("X-P/cspc(0A010200030405)");
-  EXPECT_EQ(std::string(buffer.data()), "pbx_setting");
-  EXPECT_EQ(LoadSignalI32(buffer, kPbxProgramModeOffset), -1);
-  EXPECT_EQ(LoadSignalI32(buffer, kPbxKeyPadModeOffset), 3);
-  // The last zero item wins; a list cut by the datagram keeps what was read.
-  EXPECT_EQ(LoadSignalI32(One("X-P/cspc(100001000701020009)"), kPbxKeyPadModeOffset), 9);
-  EXPECT_EQ(LoadSignalI32(One("X-P/cspc(FF"), kPbxKeyPadModeOffset), -1);
+  // Marker | program mode | key pad mode. cspc count 10: "0102" steps 4, "0003" is a zero item
+  // carrying mode 3, "0405" steps 4. The last zero item wins; a cut list keeps what was read.
+  const std::pair<const char*, const char*> rows[] = {
+      {"X-P/pgmm(05)", "pbx_setting|5|-1"}, {"X-P/cspc(0A010200030405)", "pbx_setting|-1|3"},
+      {"X-P/cspc(100001000701020009)", "pbx_setting|-1|9"}, {"X-P/cspc(FF", "pbx_setting|-1|-1"}};
+  for (auto [signal, fields] : rows) {
+    const SignalBuffer b = One(signal);
+    const std::int32_t program = LoadSignalI32(b, kPbxProgramModeOffset);
+    const std::int32_t keypad = LoadSignalI32(b, kPbxKeyPadModeOffset);
+    EXPECT_EQ(std::string(b.data()) + "|" + std::to_string(program) + "|" + std::to_string(keypad),
+              fields) << signal;
+  }
 }
 
 std::uint32_t SlcCount(const SignalBuffer& buffer, std::size_t index) {
@@ -246,11 +235,8 @@ TEST(MgcpSignalTest, LampEntriesMaskAndCaps) {
 
   // 49 announced entries: only 48 are read; the 49th would have given entry 0 a byte.
   std::string entries;
-  for (int i = 0; i < 48; ++i) {
-    char item[8];
-    std::snprintf(item, sizeof(item), "%02X00", i);
-    entries += item;
-  }
+  const char* hex = "0123456789ABCDEF";
+  for (int i = 0; i < 48; ++i) entries += {hex[i / 16], hex[i % 16], '0', '0'};
   buffer = One("X-P/slc(0131" + entries + "0001FF)");
   EXPECT_EQ(LoadSignalI32(buffer, kSlcEntryCountOffset), 48);
   EXPECT_EQ(LoadSignalU32(buffer, kSlcPresentMaskOffset), 0xFFFFFFFFu);

@@ -17,36 +17,33 @@ namespace {
 namespace fs = std::filesystem;
 using Text = std::optional<std::string>;
 
-void WriteRaw(const std::string& path, std::string_view bytes) {
-  std::ofstream(path, std::ios::binary).write(bytes.data(), std::streamsize(bytes.size()));
-}
+class FsTest : public ::testing::Test {
+ protected:
+  std::string Write(const std::string& name, std::string_view bytes) {
+    const std::string path = dir_.File(name);
+    std::ofstream(path, std::ios::binary).write(bytes.data(), std::streamsize(bytes.size()));
+    return path;
+  }
+  testing::TempDir dir_;
+};
 
-auto EntriesIn(const fs::path& folder) {
-  return std::distance(fs::directory_iterator(folder), fs::directory_iterator());
-}
-
-TEST(FsTest, ReadWholeFileGivesEveryByteOrNothingAndNeverHangs) {
-  testing::TempDir dir;
-  const std::string path = dir.File("blob");
+TEST_F(FsTest, ReadWholeFileGivesEveryByteOrNothingAndNeverHangs) {
   const std::string bytes("a\0b\r\n\xff", 6);
-  WriteRaw(path, bytes);
-  WriteRaw(dir.File("empty"), "");
+  const std::string path = Write("blob", bytes);
   EXPECT_EQ(ReadWholeFile(path), Text(bytes));
   EXPECT_EQ(ReadWholeFile(path, 6), Text(bytes));
   EXPECT_EQ(ReadWholeFile(path, 5), std::nullopt) << "longer than the bound";
-  EXPECT_EQ(ReadWholeFile(dir.File("empty")), Text(""));
-  EXPECT_EQ(ReadWholeFile(dir.File("missing")), std::nullopt);
-  EXPECT_EQ(ReadWholeFile(dir.path().string()), std::nullopt);
-  EXPECT_EQ(ReadWholeFile("/dev/zero"), std::nullopt);
-  // A fifo with no writer: a blocking open would hang here.
-  const std::string fifo = dir.File("fifo");
-  ASSERT_EQ(std::system(("mkfifo '" + fifo + "'").c_str()), 0);
-  EXPECT_EQ(ReadWholeFile(fifo), std::nullopt);
+  EXPECT_EQ(ReadWholeFile(Write("empty", "")), Text(""));
+  // A fifo with no writer: a blocking open would hang.
+  ASSERT_EQ(std::system(("mkfifo '" + dir_.File("fifo") + "'").c_str()), 0);
+  for (const std::string& bad :
+       {dir_.File("missing"), dir_.path().string(), std::string("/dev/zero"), dir_.File("fifo")}) {
+    EXPECT_EQ(ReadWholeFile(bad), std::nullopt) << bad;
+  }
 }
 
-TEST(FsTest, WriteFileAtomicallyReplacesKeepsModeAndFailsWithoutDamage) {
-  testing::TempDir dir;
-  const std::string path = dir.File("settings.ini");
+TEST_F(FsTest, WriteFileAtomicallyReplacesKeepsModeAndFailsWithoutDamage) {
+  const std::string path = dir_.File("settings.ini");
   ASSERT_TRUE(WriteFileAtomically(path, "first\n"));
   fs::permissions(path, fs::perms::owner_read | fs::perms::owner_write);
   ASSERT_TRUE(WriteFileAtomically(path, std::string("second\0", 7)));
@@ -54,19 +51,19 @@ TEST(FsTest, WriteFileAtomicallyReplacesKeepsModeAndFailsWithoutDamage) {
   EXPECT_EQ(fs::status(path).permissions() & fs::perms::all,
             fs::perms::owner_read | fs::perms::owner_write);
 
-  EXPECT_FALSE(WriteFileAtomically(dir.File("no/such/folder/file"), "x"));
+  EXPECT_FALSE(WriteFileAtomically(dir_.File("no/such/folder/file"), "x"));
   EXPECT_FALSE(WriteFileAtomically("", "x"));
-  const std::string folder = dir.File("folder");
+  const std::string folder = dir_.File("folder");
   fs::create_directory(folder);
-  WriteRaw(folder + "/inside", "kept");
+  Write("folder/inside", "kept");
   EXPECT_FALSE(WriteFileAtomically(folder, "x"));
   EXPECT_EQ(ReadWholeFile(folder + "/inside"), Text("kept"));
-  EXPECT_EQ(EntriesIn(dir.path()), 2) << "no temporary file left behind";
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir_.path()), fs::directory_iterator()), 2)
+      << "no temporary file left behind";
 }
 
-TEST(FsTest, ReaderSeesOldOrNewContentNeverAMix) {
-  testing::TempDir dir;
-  const std::string path = dir.File("flip");
+TEST_F(FsTest, ReaderSeesOldOrNewContentNeverAMix) {
+  const std::string path = dir_.File("flip");
   const std::string a(64 * 1024, 'a'), b(64 * 1024, 'b');
   ASSERT_TRUE(WriteFileAtomically(path, a));
   std::atomic<bool> stop{false};
@@ -84,15 +81,14 @@ TEST(FsTest, ReaderSeesOldOrNewContentNeverAMix) {
 }
 
 // Waiting for the lock and exclusion between writers are exercised through the settings store.
-TEST(FsTest, FileLockExcludesThisProcessTooAndTimesOut) {
-  testing::TempDir dir;
-  const FileLock holder(dir.File("settings.ini.lock"));
+TEST_F(FsTest, FileLockExcludesThisProcessTooAndTimesOut) {
+  const FileLock holder(dir_.File("settings.ini.lock"));
   ASSERT_TRUE(holder.locked()) << "the lock file is created when missing";
-  EXPECT_FALSE(FileLock(dir.File("settings.ini.lock"), 20).locked());
-  EXPECT_FALSE(FileLock(dir.File("missing/lock"), 0).locked());
+  EXPECT_FALSE(FileLock(dir_.File("settings.ini.lock"), 20).locked());
+  EXPECT_FALSE(FileLock(dir_.File("missing/lock"), 0).locked());
 }
 
-TEST(FsTest, EmptyHomeFallsBackToThePasswordDatabase) {
+TEST(EnvironmentTest, EmptyHomeFallsBackToThePasswordDatabase) {
   const Text saved = GetEnvironment("HOME");
   ASSERT_TRUE(SetEnvironment("HOME", "/home/from-env"));
   EXPECT_EQ(HomeDirectory(), Text("/home/from-env"));

@@ -23,12 +23,7 @@ TEST(IniTest, ReadIniIntFindsOnlyWholeDecimalValuesUnderExactNames) {
   const std::string windows =
       "\xEF\xBB\xBF; ports\r\n[PTAP_PORT]\r\nClientPort = 19301\r\nServerPort=19300\r\n";
   const std::string dotted = "[Soft\\Deskline.v2]\nPort of the.phone=5\n[Soft]\nDeskline=6\n";
-  const struct {
-    std::string file;
-    const char* section;
-    const char* key;
-    Int expected;
-  } rows[] = {
+  const struct { std::string file; const char *section, *key; Int expected; } rows[] = {
       {windows, "PTAP_PORT", "ClientPort", 19301},
       {windows, "PTAP_PORT", "ServerPort", 19300},
       {dotted, "Soft\\Deskline.v2", "Port of the.phone", 5},

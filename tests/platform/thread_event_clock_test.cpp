@@ -40,8 +40,7 @@ TEST(ThreadTest, BodyRunsOnlyAfterResumeAndSeesTheStoredId) {
 
   // Joined or destroyed at the gate: released without running; the object is reusable.
   ASSERT_NE(thread.Create("never", [&](ThreadId) { ++runs; }), 0u);
-  thread.Join();
-  thread.Join();
+  thread.Join(), thread.Join();
   { Thread destroyed; ASSERT_NE(destroyed.Create("never", [&](ThreadId) { ++runs; }), 0u); }
   EXPECT_EQ(runs.load(), 1);
 }
@@ -104,17 +103,17 @@ TEST(FakeClockTest, ManualModeWakesEachWaiterAtItsDeadlineOrOnSet) {
 }
 
 TEST(FakeClockTest, AutoModeTimeCrossesMidnightYearEndAndTickWrap) {
-  const auto after = [](CivilTime start, std::int64_t ms) {
-    FakeClock clock(FakeClock::Mode::kAuto, start);
-    clock.AdvanceMs(ms);
+  const struct { CivilTime start; std::int64_t ms; std::vector<int> after; } rows[] = {
+      {{2026, 11, 16, 23, 59, 59, 500}, 600, {2026, 11, 17, 0, 0, 0, 100}},  // midnight
+      {{2028, 2, 28, 12, 0, 0, 0}, 12 * 3'600'000, {2028, 2, 29, 0, 0, 0, 0}},  // leap day
+      {{2026, 12, 31, 23, 59, 59, 999}, 1, {2027, 1, 1, 0, 0, 0, 0}}};
+  for (const auto& row : rows) {
+    FakeClock clock(FakeClock::Mode::kAuto, row.start);
+    clock.AdvanceMs(row.ms);
     const CivilTime t = clock.LocalNow();
-    return std::vector<int>{t.year, t.month, t.day, t.hour, t.minute, t.second, t.millisecond};
-  };
-  EXPECT_EQ(after({2026, 11, 16, 23, 59, 59, 500}, 600),
-            (std::vector<int>{2026, 11, 17, 0, 0, 0, 100}));
-  EXPECT_EQ(after({2028, 2, 28, 12, 0, 0, 0}, 12 * 3'600'000),
-            (std::vector<int>{2028, 2, 29, 0, 0, 0, 0}));
-  EXPECT_EQ(after({2026, 12, 31, 23, 59, 59, 999}, 1), (std::vector<int>{2027, 1, 1, 0, 0, 0, 0}));
+    EXPECT_EQ((std::vector<int>{t.year, t.month, t.day, t.hour, t.minute, t.second, t.millisecond}),
+              row.after);
+  }
   FakeClock clock;  // auto mode: sleeps and timed-out waits move time, a set event does not
   ManualResetEvent event;
   clock.SleepFor(milliseconds(19000));

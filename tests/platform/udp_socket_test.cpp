@@ -26,8 +26,7 @@ class UdpSocketTest : public ::testing::Test {
   void SetUp() override {
     ASSERT_TRUE(a_.Open({kLoopback, 0}));
     ASSERT_TRUE(b_.Open({kLoopback, 0}));
-    a_at_ = *a_.LocalEndpoint();
-    b_at_ = *b_.LocalEndpoint();
+    a_at_ = *a_.LocalEndpoint(), b_at_ = *b_.LocalEndpoint();
     ASSERT_NE(a_at_.port, 0) << "the system's choice is reported";
   }
 
@@ -67,16 +66,12 @@ TEST_F(UdpSocketTest, ShutdownReleasesBlockedAndTimedReceiversBeforeClosing) {
   Length blocked = 99, timed = 99;
   std::atomic<bool> returned{false};
   std::array<std::byte, 8> one{}, two{};
-  std::thread r1([&] {
-    blocked = b_.Receive(one, nullptr);
-    returned = true;
-  });
+  std::thread r1([&] { blocked = b_.Receive(one, nullptr), returned = true; });
   std::thread r2([&] { timed = b_.ReceiveFor(two, nullptr, 60'000, nullptr); });
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
   EXPECT_FALSE(returned.load());
   b_.Shutdown();
-  r1.join();
-  r2.join();
+  r1.join(), r2.join();
   EXPECT_EQ(blocked, std::nullopt);
   EXPECT_EQ(timed, std::nullopt);
   bool timed_out = true;
@@ -101,19 +96,17 @@ TEST_F(UdpSocketTest, TakenPortOpenSocketAndMovedFromSocketAreRefused) {
 }
 
 TEST(Ipv4Test, ParseAcceptsOnlyFourDottedDecimalPartsWithinTheLength) {
-  const std::pair<std::string_view, std::optional<std::uint32_t>> rows[] = {
+  const std::pair<std::string_view, std::uint32_t> good[] = {
       {"127.0.0.1", 0x7F000001}, {"0.0.0.0", 0}, {"255.255.255.255", 0xFFFFFFFF},
-      {"192.168.100.254", 0xC0A864FE}, {"", std::nullopt}, {"1.2.3", std::nullopt},
-      {"1.2.3.", std::nullopt}, {"1.2.3.4.5", std::nullopt}, {"1..2.3", std::nullopt},
-      {"256.0.0.1", std::nullopt}, {"1.2.3.1000", std::nullopt},
-      {"01.2.3.4", std::nullopt},  // octal to inet_addr
-      {"0x7f.0.0.1", std::nullopt}, {"127.1", std::nullopt}, {"2130706433", std::nullopt},
-      {" 1.2.3.4", std::nullopt}, {"1.2.3.4 ", std::nullopt}, {"+1.2.3.4", std::nullopt},
-      {"1.-2.3.4", std::nullopt}, {"99999999999999999999.1.1.1", std::nullopt},
-      {"000000000000000000000.1.1.1", std::nullopt},
-  };
-  for (const auto& [text, expected] : rows) {
-    EXPECT_EQ(ParseIpv4(text.data(), text.size()), expected) << "'" << text << "'";
+      {"192.168.100.254", 0xC0A864FE}};
+  for (const auto& [text, expected] : good) {
+    EXPECT_EQ(ParseIpv4(text.data(), text.size()), expected) << text;
+  }
+  for (std::string_view text :  // "01": octal to inet_addr
+       {"", "1.2.3", "1.2.3.", "1.2.3.4.5", "1..2.3", "256.0.0.1", "1.2.3.1000", "01.2.3.4",
+        "0x7f.0.0.1", "127.1", "2130706433", " 1.2.3.4", "1.2.3.4 ", "+1.2.3.4", "1.-2.3.4",
+        "99999999999999999999.1.1.1", "000000000000000000000.1.1.1"}) {
+    EXPECT_EQ(ParseIpv4(text.data(), text.size()), std::nullopt) << "'" << text << "'";
   }
   // Not terminated: a read past the length is caught by the sanitizer.
   const std::array<char, 7> exact{'1', '.', '2', '.', '3', '.', '4'};

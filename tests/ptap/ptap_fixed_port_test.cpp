@@ -21,10 +21,8 @@ TEST(PtapFixedPorts, WithoutAnIniFileTheDefaultPortsAreUsed) {
   EXPECT_EQ(ptap.SendPacket(PTAP_TYPE_START, nullptr, 0), 136);
   std::uint8_t buffer[1500];
   platform::UdpEndpoint from;
-  bool timed_out = false;
-  const auto n = pbx.ReceiveFor(std::as_writable_bytes(std::span(buffer)), &from, 2000, &timed_out);
-  ASSERT_TRUE(n && !timed_out);
-  EXPECT_EQ(*n, 136u);
+  const auto n = pbx.ReceiveFor(std::as_writable_bytes(std::span(buffer)), &from, 2000, nullptr);
+  EXPECT_EQ(n, std::optional<std::size_t>(136));  // a timeout would give 0
   EXPECT_EQ(from.port, 9301);
   EXPECT_EQ(ptap.Shutdown(), 0);
 }

@@ -1,5 +1,4 @@
-// Helpers of the PTAP tests: hex bytes, datagrams as the PBX sends them, and recorders for
-// what reaches the parent and the observers.
+// Helpers of the PTAP tests: hex bytes, datagrams as the PBX sends them, and recorders.
 #pragma once
 
 #include <cctype>
@@ -25,7 +24,7 @@ inline Bytes Hex(const std::string& text) {
   }
   Bytes out;
   for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
-    out.push_back(static_cast<std::uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+    out.push_back(std::uint8_t(std::stoul(digits.substr(i, 2), nullptr, 16)));
   }
   return out;
 }
@@ -69,8 +68,7 @@ inline NetworkInitData MakeInitData(std::uint8_t start_mode) {
   data.start_code = 0x07;
   std::memcpy(data.terminal_identity, "DESKLINE0001", 12);
   data.local_ip = 0xC0A80A05;  // 192.168.10.5
-  const std::uint8_t mac[6] = {0x00, 0x1A, 0x2B, 0x3C, 0x4D, 0x5E};
-  std::memcpy(data.mac_address, mac, 6);
+  std::memcpy(data.mac_address, "\x00\x1A\x2B\x3C\x4D\x5E", 6);
   data.pbx_ip = 0x7F000001;
   data.start_mode = start_mode;
   return data;
@@ -103,8 +101,7 @@ class Recorder {
 // Messages as "<type>:<payload>", so that a wrong type shows.
 struct RecordingParent final : PtapParent, Recorder<std::string> {
   int OnPtapMessage(std::uint32_t type, const char* payload, std::size_t length) override {
-    Add(std::to_string(type) + ":" + std::string(payload, length));
-    return 0;
+    return Add(std::to_string(type) + ":" + std::string(payload, length)), 0;
   }
 };
 

@@ -1,5 +1,6 @@
 // The demo call as a newcomer runs it, shortened: for each codec the phone registers, answers,
-// talks, holds, resumes and hangs up, and what both sides counted and recorded is checked.
+// talks, holds, resumes and hangs up, and what both sides counted and recorded is checked; once
+// more with the phone's sound through the library's Audio module on the virtual sound card.
 // Real processes and real time: about seven seconds a call.
 #include <gtest/gtest.h>
 
@@ -45,10 +46,11 @@ struct DemoRun {
   std::vector<std::int16_t> pbx_heard;    // what the PBX decoded: the phone's talker
 };
 
-DemoRun RunDemo(const testing::TempDir& dir, const std::string& codec, int loss_percent) {
+DemoRun RunDemo(const testing::TempDir& dir, const std::string& codec, int loss_percent,
+               const std::string& more = "") {
   const std::string command = std::string(DESKLINE_DEMO_SCRIPT) + " --no-build --quiet --build " +
                               DESKLINE_BUILD_DIR + " --out " + dir.path().string() + " --codec " + codec +
-                              " --talk 3 --loss " + std::to_string(loss_percent) + " > " +
+                              " --talk 3 --loss " + std::to_string(loss_percent) + more + " > " +
                               (dir.path() / "demo.out").string() + " 2>&1";
   DemoRun run;
   run.status = std::system(command.c_str());
@@ -61,7 +63,7 @@ DemoRun RunDemo(const testing::TempDir& dir, const std::string& codec, int loss_
 
 std::string Logs(const testing::TempDir& dir) {
   std::string text;
-  for (const char* name : {"demo.out", "phone.log", "pbx.log"}) {
+  for (const char* name : {"demo.out", "phone.log", "pbx.log", "sound/playback.log"}) {
     std::ifstream in(dir.path() / name);
     text += std::string("--- ") + name + "\n" + std::string(std::istreambuf_iterator<char>(in), {});
   }
@@ -180,6 +182,83 @@ TEST(DemoCallLossy, ConcealsAboutTheFramesLost) {
               std::max(5.0, 0.3 * static_cast<double>(dropped)));
   // The tone still comes through.
   EXPECT_NEAR(sim::DominantFrequency(run.phone_heard), 1000.0, 30.0);
+}
+
+// One output stream of the virtual sound card, as its playback log tells it.
+struct Played {
+  long sequence = 0;
+  long bytes = 0;
+  std::vector<std::int16_t> samples;  // its recording
+};
+
+std::vector<Played> ReadPlayed(const std::filesystem::path& folder) {
+  std::vector<Played> streams;
+  std::ifstream in(folder / "playback.log");
+  for (std::string line; std::getline(in, line);) {
+    std::vector<std::string> fields;
+    std::size_t start = 0;
+    for (std::size_t tab; (tab = line.find('\t', start)) != std::string::npos; start = tab + 1) {
+      fields.push_back(line.substr(start, tab - start));
+    }
+    fields.push_back(line.substr(start));
+    if (fields.size() != 9) continue;
+    // Every stream of the phone is 8 kHz mono 16-bit: the voice and the standard sound set.
+    EXPECT_EQ(fields[2] + " " + fields[3] + " " + fields[4], "8000 1 16") << line;
+    streams.push_back(Played{std::strtol(fields[0].c_str(), nullptr, 10), std::strtol(fields[6].c_str(), nullptr, 10),
+                             sim::ReadWavAs8kMono((folder / fields[8]).string()).samples});
+  }
+  std::sort(streams.begin(), streams.end(), [](const Played& a, const Played& b) { return a.sequence < b.sequence; });
+  return streams;
+}
+
+// The phone rings for a second, answers, and its speaker and ringer sound through the Audio
+// module: the ring is the ring melody itself, the speaker plays what the engine delivered,
+// paced by the device, and that is the PBX's tone.
+TEST(DemoCallWithSound, RingsAndTalksThroughTheVirtualSoundCard) {
+  testing::TempDir dir;
+  const DemoRun run = RunDemo(dir, "pcmu", 0, " --audio virtual");
+  ASSERT_EQ(run.status, 0) << Logs(dir);
+  EXPECT_EQ(run.phone.at("audio"), "virtual");
+  EXPECT_EQ(run.phone.at("ring_heard"), "yes");
+  EXPECT_EQ(Count(run.phone, "ring_plays"), 1);
+  EXPECT_EQ(Count(run.phone, "ring_stops"), 1) << "stopped on answer";
+
+  // The voice output opened first, at the sound card's start; the ring's output at the ring.
+  const std::vector<Played> played = ReadPlayed(dir.path() / "sound");
+  ASSERT_EQ(played.size(), 2u) << Logs(dir);
+  const Played& voice = played[0];
+  const Played& ring = played[1];
+  // The ring: the first second of the ring melody, sample for sample (ring level 0 leaves it
+  // as it is), cut off when the phone answered.
+  const std::vector<std::int16_t> melody =
+      sim::ReadWavAs8kMono(std::string(DESKLINE_BUILD_DIR) + "/media/Tone_1.wav").samples;
+  ASSERT_GT(melody.size(), 8000u);
+  EXPECT_GT(ring.samples.size(), 6400u) << "rang for most of a second";
+  EXPECT_LT(ring.samples.size(), 16000u) << "stopped when answered";
+  const std::size_t compared = std::min(ring.samples.size(), melody.size());
+  EXPECT_TRUE(std::equal(ring.samples.begin(), ring.samples.begin() + static_cast<std::ptrdiff_t>(compared),
+                         melody.begin()));
+
+  // The speaker played every frame the phone handed it (received, concealed, or silence
+  // while nothing was due) but the last few, still queued when the sound card closed.
+  const long handed = Count(run.phone, "frames_received") + Count(run.phone, "frames_concealed") +
+                      Count(run.phone, "speaker_silent_frames");
+  EXPECT_EQ(Count(run.phone, "speaker_frames"), handed);
+  EXPECT_EQ(voice.bytes / 320, Count(run.phone, "played_voice_frames"));
+  EXPECT_LE(Count(run.phone, "played_voice_frames"), handed);
+  EXPECT_GE(Count(run.phone, "played_voice_frames"), handed - 5);
+  EXPECT_GT(Count(run.phone, "frames_received"), 100);
+
+  // What the speaker played is the PBX's 1000 Hz tone at its level.
+  const std::vector<std::int16_t> tone = LongestSoundingStretch(voice.samples);
+  ASSERT_GE(tone.size(), 4000u) << "at least half a second of tone";
+  EXPECT_NEAR(sim::DominantFrequency(tone), 1000.0, 30.0);
+  EXPECT_NEAR(Median(SoundingFrameLevels(voice.samples)), -12.0, 1.5);
+  // And the phone's talker reached the PBX through the virtual microphone.
+  const std::vector<double> talk = SoundingFrameLevels(run.pbx_heard);
+  EXPECT_GT(talk.size(), 40u) << "voiced frames";
+  EXPECT_GT(Median(talk), -35.0);
+  EXPECT_GT(Count(run.phone, "frames_sent"), 100);
 }
 
 }  // namespace

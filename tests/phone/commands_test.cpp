@@ -29,6 +29,9 @@ TEST(PhoneCommandTest, CommandsAndTheirKeys) {
       {"wait-media 5s", K::kWaitMedia, 0, "", 5000}, {"wait-end 100ms", K::kWaitEnd, 0, "", 100},
       {"error 0x20", K::kSendError},      {"# a comment", K::kNone},
       {"", K::kNone},                     {"quit", K::kQuit},
+      {"devices", K::kDevices},
+      {"format +44 (0)20 7946", K::kFormat, 0, "+44 (0)20 7946"},
+      {"dial +81 3 1234 5678", K::kDial, 0, "+81 3 1234 5678"},
       {"1234567890123456789012345678901234567890", K::kDial, 0,
        "1234567890123456789012345678901234567890"},
   };
@@ -40,6 +43,8 @@ TEST(PhoneCommandTest, CommandsAndTheirKeys) {
     EXPECT_EQ(result.command->key, row.key);
     EXPECT_EQ(result.command->text, row.text);
     EXPECT_EQ(result.command->duration.count(), row.ms);
+    // Only a contact-list number, never a plain dial string, goes through the formatter.
+    EXPECT_EQ(result.command->format, row.kind == K::kDial && row.text[0] == '+');
   }
 }
 
@@ -47,7 +52,8 @@ TEST(PhoneCommandTest, BadCommandsSayWhy) {
   for (const char* line : {"offhook now", "line 49", "line -1", "line", "key 0x10000", "key zz",
                            "dial 12a", "dial p", "12345678901234567890123456789012345678901",
                            "wait 3", "wait -1s", "wait s", "wait 1e3s", "wait 100000h",
-                           "wait-ring soon", "error 256", "jump"}) {
+                           "wait-ring soon", "error 256", "jump", "devices all", "format",
+                           "dial", "5 6"}) {
     SCOPED_TRACE(line);
     const ParseResult result = ParseCommand(line);
     EXPECT_FALSE(result.command);
@@ -95,6 +101,49 @@ TEST(PhoneOptionsTest, OptionsFillTheStartRecord) {
   }
 }
 
+TEST(PhoneOptionsTest, SoundCardOptions) {
+  struct Row {
+    std::vector<std::string> args;
+    AudioMode mode;
+    const char* in;
+    const char* out;
+  };
+  const Row good[] = {
+      {{}, AudioMode::kOwn, "", ""},
+      {{"--audio", "virtual"}, AudioMode::kVirtual, "", ""},
+      {{"--audio", "system", "--in", "USB Headset Mic", "--out", "USB Headset"}, AudioMode::kSystem,
+       "USB Headset Mic", "USB Headset"},
+      // The virtual card plays a file, a tone or the talker as its microphone.
+      {{"--out", "Ringer", "--audio", "virtual", "--speech"}, AudioMode::kVirtual, "", "Ringer"},
+      {{"--audio", "virtual", "--mic", "a.wav", "--record", "heard.wav"}, AudioMode::kVirtual, "", ""},
+  };
+  for (const Row& row : good) {
+    SCOPED_TRACE(row.args.empty() ? "" : row.args[1]);
+    PhoneOptions options;
+    std::string error;
+    ASSERT_TRUE(ParsePhoneOptions(row.args, &options, &error)) << error;
+    EXPECT_EQ(options.audio, row.mode);
+    EXPECT_EQ(options.in_device, row.in);
+    EXPECT_EQ(options.out_device, row.out);
+  }
+  EXPECT_STREQ(AudioModeName(AudioMode::kOwn), "own");
+  EXPECT_STREQ(AudioModeName(AudioMode::kVirtual), "virtual");
+  EXPECT_STREQ(AudioModeName(AudioMode::kSystem), "system");
+
+  const std::vector<std::vector<std::string>> bad = {
+      {"--audio", "alsa"},         {"--audio"},
+      {"--in", "Mic"},             {"--out", "Speaker"},  // a device needs a sound card
+      {"--audio", "system", "--in", ""},
+      {"--audio", "system", "--tone", "440"},  // a person is at the real microphone
+      {"--audio", "system", "--mic", "a.wav"}, {"--speech", "--audio", "system"}};
+  for (const auto& row : bad) {
+    PhoneOptions o;
+    std::string error;
+    EXPECT_FALSE(ParsePhoneOptions(row, &o, &error)) << row[0] << " " << row.size();
+    EXPECT_FALSE(error.empty());
+  }
+}
+
 // Call control as a log of what the runner asked for; key 0xdead is refused.
 class FakeActions final : public PhoneActions {
  public:
@@ -103,6 +152,15 @@ class FakeActions final : public PhoneActions {
   }
   std::int32_t MakeCall(const std::string& number) override { return Log("dial " + number); }
   std::int32_t SendError(std::uint32_t code) override { return Log("error " + std::to_string(code)); }
+  // Drops blanks and '+'; "+0" formats to "x", which is no dial string; "refuse" is refused.
+  std::optional<std::string> FormatNumber(const std::string& number) override {
+    log.push_back("format " + number);
+    if (number == "refuse") return std::nullopt;
+    if (number == "+0") return "x";
+    std::string out;
+    for (char c : number) if (c != ' ' && c != '+') out += c;
+    return out;
+  }
   std::int32_t Log(std::string line, std::int32_t result = 0) {
     log.push_back(std::move(line));
     return result;
@@ -131,6 +189,17 @@ TEST_F(RunnerFixture, KeysAndWaitsFollowTheSimulatedClock) {
   EXPECT_EQ(Run("key 0xdead").kind, Outcome::kFailed);
   EXPECT_EQ(Run("quit").kind, Outcome::kQuit);
   EXPECT_EQ(actions.log, (std::vector<std::string>{"key 512", "dial 12P3", "error 7", "key 57005"}));
+}
+
+TEST_F(RunnerFixture, ContactNumbersAreFormattedBeforeTheyAreDialled) {
+  const StepOutcome dialled = Run("dial +44 20 7946");
+  EXPECT_EQ(dialled.kind, Outcome::kOk);
+  EXPECT_EQ(dialled.message, "dial +44 20 7946 formatted to 44207946");
+  EXPECT_EQ(Run("format 0 12").message, "format 0 12 -> '012'");
+  EXPECT_EQ(Run("dial +0").kind, Outcome::kFailed);  // formatted to no dial string: nothing sent
+  EXPECT_EQ(Run("format refuse").kind, Outcome::kFailed);
+  EXPECT_EQ(actions.log, (std::vector<std::string>{"format +44 20 7946", "dial 44207946",
+                                                   "format 0 12", "format +0", "format refuse"}));
 }
 
 TEST_F(RunnerFixture, WaitsTimeOutAndTakeEachEventOnce) {

@@ -26,6 +26,12 @@ TEST(PhoneLibraryTest, EveryExportResolvesAndBeforeInitializeGivesNoObjectResult
   EXPECT_EQ(actions.ReceiveVoice(pcm, &status), 0u);
   EXPECT_EQ(status, 0xabcdu);  // left alone without a voice session
   EXPECT_EQ(e.uninitialize(), 0);
+  // The sound card and the tone player are not there yet: no device list, no tone.
+  EXPECT_FALSE(ListDevices(e.AudioModuleGetInDevice));
+  EXPECT_FALSE(ListDevices(e.AudioModuleGetOutDevice));
+  EXPECT_EQ(e.ToneModulePlayTone(1, -1, 1), -1);
+  EXPECT_EQ(e.ToneModulePlayDTMF(1, 0), -1);
+  EXPECT_EQ(e.AudioModuleShutdown(), 0);
 
   // No start data: -1, and what initialize left is taken down by uninitialize.
   testing::TempDir dir;

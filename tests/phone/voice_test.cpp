@@ -153,7 +153,7 @@ struct PacerRig {
   FakePort port{clock};
   LoopSource source{{7}};
   std::atomic<bool> active{true};
-  VoicePacer pacer{port, source, &port, active, clock};
+  VoicePacer pacer{port, &source, &port, active, clock};
 };
 
 TEST(PhonePacerTest, OneFrameEvery20MsAndCountsByStatus) {

@@ -1,5 +1,7 @@
 #include "tools/phone/commands.h"
 
+#include "tools/phone/dial_rules.h"
+
 #include <cctype>
 #include <charconv>
 
@@ -186,18 +188,27 @@ ParseResult ParseCommand(std::string_view line) {
     command.key = *key;
     return Ok(std::move(command));
   }
+  // A contact-list number keeps its blanks: everything after the verb is the number.
+  const std::string_view rest = Trim(line.substr(verb.size()));
+  if (verb == "format") {
+    if (rest.empty()) return Fail("usage: format NUMBER");
+    command.kind = CommandKind::kFormat;
+    command.text = std::string(rest);
+    return Ok(std::move(command));
+  }
   if (verb == "dial" || IsDialString(verb)) {
-    const std::string_view number = verb == "dial" ? (words.size() == 2 ? words[1] : "") : verb;
-    if ((verb == "dial" && words.size() != 2) || (verb != "dial" && words.size() != 1)) {
-      return Fail("usage: dial NUMBER");
-    }
-    if (!IsDialString(number)) {
-      return Fail("not a dial string: '" + std::string(number) +
-                  "' (1 to 40 of 0-9 * # P W)");
-    }
+    const std::string_view number = verb == "dial" ? rest : verb;
+    if (verb != "dial" && words.size() != 1) return Fail("usage: dial NUMBER");
+    if (number.empty()) return Fail("usage: dial NUMBER");
     command.kind = CommandKind::kDial;
     command.text = std::string(number);
-    return Ok(std::move(command));
+    if (IsDialString(number)) return Ok(std::move(command));
+    if (verb == "dial" && NeedsFormatting(number)) {
+      command.format = true;
+      return Ok(std::move(command));
+    }
+    return Fail("not a dial string: '" + std::string(number) +
+                "' (1 to 40 of 0-9 * # P W, or a number with blanks, brackets or + to format)");
   }
   if (verb == "error") {
     const auto code = words.size() == 2 ? ParseNumber(words[1], 0xff) : std::nullopt;
@@ -221,6 +232,7 @@ ParseResult ParseCommand(std::string_view line) {
   if (verb == "wait-end") return ParseWaitFor(CommandKind::kWaitEnd, words, std::move(command));
   if (words.size() == 1) {
     if (verb == "status") command.kind = CommandKind::kStatus;
+    if (verb == "devices") command.kind = CommandKind::kDevices;
     if (verb == "help") command.kind = CommandKind::kHelp;
     if (verb == "quit" || verb == "exit") command.kind = CommandKind::kQuit;
     if (command.kind != CommandKind::kNone) return Ok(std::move(command));
@@ -233,12 +245,15 @@ const char* CommandHelp() {
          "  offhook | onhook | hold | resume | transfer | speaker | pause\n"
          "  line N                 press line key N (0-48)\n"
          "  key CODE               press any key by code, e.g. key 0x0c01\n"
-         "  dial NUMBER | NUMBER   dial 0-9 * # P W, up to 40 characters\n"
+         "  dial NUMBER | NUMBER   dial 0-9 * # P W, up to 40 characters; a number with\n"
+         "                         blanks, brackets or + is formatted first\n"
+         "  format NUMBER          show what the number formatter makes of NUMBER\n"
          "  error CODE             send an error code to the PBX (0-255)\n"
          "  wait DURATION          pause, e.g. wait 3s, wait 500ms\n"
          "  wait-ring [TIMEOUT]    wait for a ring (default 60s)\n"
          "  wait-media [TIMEOUT]   wait until the voice path opens\n"
          "  wait-end [TIMEOUT]     wait until the call ends or its voice path closes\n"
+         "  devices                list the sound devices (with --audio)\n"
          "  status | help | quit\n";
 }
 

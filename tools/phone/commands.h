@@ -28,13 +28,15 @@ enum class CommandKind {
   kNone,        // blank line or comment
   kKey,         // put_key(key)
   kResume,      // put_key of the held line's key (chosen when run, from the lamps)
-  kDial,        // make_call(text)
+  kDial,        // make_call(text), formatted first when `format` is set
+  kFormat,      // print what the number formatter makes of `text`
   kSendError,   // send_error(number)
   kWait,        // pause for `duration`
   kWaitRing,    // wait until a ring arrives
   kWaitMedia,   // wait until the voice path opens
   kWaitEnd,     // wait until the call ends
   kStatus,      // print the summary so far
+  kDevices,     // list the sound card's input and output devices
   kHelp,
   kQuit,
 };
@@ -43,7 +45,8 @@ struct Command {
   CommandKind kind = CommandKind::kNone;
   std::uint32_t key = 0;               // kKey
   std::uint32_t number = 0;            // kSendError
-  std::string text;                    // kDial
+  std::string text;                    // kDial, kFormat
+  bool format = false;                 // kDial: a contact-list number to format first
   std::chrono::milliseconds duration{0};  // kWait; the timeout of the kWait* kinds
   std::string source;                  // the words as written, for messages
 };

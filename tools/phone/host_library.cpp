@@ -43,6 +43,17 @@ bool HostLibrary::Load(const std::string& path, std::string* error) {
   ok &= Resolve(library, "send_error", &e.send_error, &missing);
   ok &= Resolve(library, "send_voice", &e.send_voice, &missing);
   ok &= Resolve(library, "recv_voice", &e.recv_voice, &missing);
+  ok &= Resolve(library, "AudioModuleStart", &e.AudioModuleStart, &missing);
+  ok &= Resolve(library, "AudioModuleShutdown", &e.AudioModuleShutdown, &missing);
+  ok &= Resolve(library, "AudioModulePlayVoice", &e.AudioModulePlayVoice, &missing);
+  ok &= Resolve(library, "AudioModuleRecordStart", &e.AudioModuleRecordStart, &missing);
+  ok &= Resolve(library, "AudioModuleRegisterCallback", &e.AudioModuleRegisterCallback, &missing);
+  ok &= Resolve(library, "AudioModuleGetInDevice", &e.AudioModuleGetInDevice, &missing);
+  ok &= Resolve(library, "AudioModuleGetOutDevice", &e.AudioModuleGetOutDevice, &missing);
+  ok &= Resolve(library, "ToneModulePlayTone", &e.ToneModulePlayTone, &missing);
+  ok &= Resolve(library, "ToneModulePlayDTMF", &e.ToneModulePlayDTMF, &missing);
+  ok &= Resolve(library, "set_module_variable", &e.set_module_variable, &missing);
+  ok &= Resolve(library, "get_formatted_number", &e.get_formatted_number, &missing);
   if (!ok) {
     platform::CloseLibrary(library);
     *error = path + " lacks the export " + missing;

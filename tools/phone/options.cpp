@@ -120,6 +120,19 @@ bool ParsePhoneOptions(std::span<const std::string> args, PhoneOptions* options,
       options->record_path = value;
     } else if (option == "--summary") {
       options->summary_path = value;
+    } else if (option == "--audio") {
+      if (value == "virtual") {
+        options->audio = AudioMode::kVirtual;
+      } else if (value == "system") {
+        options->audio = AudioMode::kSystem;
+      } else {
+        return bad("virtual or system");
+      }
+    } else if (option == "--dial-rules") {
+      options->dial_rules_path = value;
+    } else if (option == "--in" || option == "--out") {
+      if (value.empty()) return bad("a device name");
+      (option == "--in" ? options->in_device : options->out_device) = value;
     } else {
       *error = "unknown option " + option;
       return false;
@@ -127,6 +140,17 @@ bool ParsePhoneOptions(std::span<const std::string> args, PhoneOptions* options,
   }
   if (int(!options->mic_path.empty()) + int(options->tone_hz > 0) + int(options->speech) > 1) {
     *error = "--mic, --tone and --speech exclude each other";
+    return false;
+  }
+  if (options->audio == AudioMode::kOwn && (!options->in_device.empty() || !options->out_device.empty())) {
+    *error = "--in and --out pick the devices of --audio virtual|system";
+    return false;
+  }
+  // The virtual sound card plays a file or a rendered tone or talker as its microphone; real
+  // devices have a person behind them.
+  if (options->audio == AudioMode::kSystem &&
+      (!options->mic_path.empty() || options->tone_hz > 0 || options->speech)) {
+    *error = "--audio system takes its sound from the microphone: no --mic, --tone or --speech";
     return false;
   }
   if (!script_file.empty()) {
@@ -144,6 +168,18 @@ bool ParsePhoneOptions(std::span<const std::string> args, PhoneOptions* options,
     options->script += script_text;
   }
   return true;
+}
+
+const char* AudioModeName(AudioMode mode) {
+  switch (mode) {
+    case AudioMode::kVirtual:
+      return "virtual";
+    case AudioMode::kSystem:
+      return "system";
+    case AudioMode::kOwn:
+      break;
+  }
+  return "own";
 }
 
 void FillInitData(const PhoneOptions& options, NetworkInitData* data) {
@@ -174,7 +210,14 @@ const char* PhoneUsage() {
          "  --tone HZ              a sine tone as the microphone\n"
          "  --speech               a synthetic talker as the microphone\n"
          "  --record FILE          write received sound to FILE (WAV, 8 kHz mono 16-bit)\n"
-         "  --summary FILE         also write the closing summary to FILE, key=value lines\n";
+         "  --summary FILE         also write the closing summary to FILE, key=value lines\n"
+         "  --audio virtual|system sound through the library's Audio module: the virtual\n"
+         "                         sound card, or this machine's devices (a headset)\n"
+         "  --dial-rules FILE      the number formatter's variables and rules (an ini file,\n"
+         "                         see docs/number.md); dial formats numbers with blanks,\n"
+         "                         brackets or + through them\n"
+         "  --in NAME, --out NAME  with --audio: the microphone and speaker to use (see the\n"
+         "                         devices command); kept in the settings store\n";
 }
 
 }  // namespace deskline::phone

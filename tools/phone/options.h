@@ -11,6 +11,11 @@
 
 namespace deskline::phone {
 
+// Where the phone's sound goes. kOwn: its own WAV microphone and recorder, paced by its own
+// clock. kVirtual and kSystem: the library's Audio module, as a telephone GUI uses it, over the
+// virtual sound card or the system's devices.
+enum class AudioMode { kOwn, kVirtual, kSystem };
+
 struct PhoneOptions {
   std::string library = "libdeskline.so";
   std::string trace = "trace.log";
@@ -26,9 +31,15 @@ struct PhoneOptions {
   bool speech = false;          // or a synthetic talker; none of the three: silence
   std::string record_path;      // where received sound goes
   std::string summary_path;     // the closing summary as key=value lines
+  AudioMode audio = AudioMode::kOwn;
+  std::string in_device;   // with --audio: the microphone's name for the settings store
+  std::string out_device;  // with --audio: the speaker's
+  std::string dial_rules_path;  // the number formatter's variables and rules (ini)
   bool read_stdin = true;
   bool help = false;
 };
+
+const char* AudioModeName(AudioMode mode);  // "own", "virtual", "system"
 
 // Parses argv without the program name. False with `error` set for an unknown option, a
 // missing value or a bad one; --script-file is read here.

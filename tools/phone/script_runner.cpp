@@ -42,6 +42,7 @@ StepOutcome ScriptRunner::Run(const Command& command) {
   switch (command.kind) {
     case CommandKind::kNone:
     case CommandKind::kStatus:
+    case CommandKind::kDevices:
     case CommandKind::kHelp:
       return {};
     case CommandKind::kQuit:
@@ -52,8 +53,19 @@ StepOutcome ScriptRunner::Run(const Command& command) {
       const std::uint32_t key = view_.ResumeKey();
       return Result(actions_.PutKey(key), "resume: key " + KeyText(key));
     }
-    case CommandKind::kDial:
-      return Result(actions_.MakeCall(command.text), "dial " + command.text);
+    case CommandKind::kFormat: {
+      const std::optional<std::string> formatted = actions_.FormatNumber(command.text);
+      if (!formatted) return {StepOutcome::Kind::kFailed, "format " + command.text + ": refused by the library"};
+      return {StepOutcome::Kind::kOk, "format " + command.text + " -> '" + *formatted + "'"};
+    }
+    case CommandKind::kDial: {
+      if (!command.format) return Result(actions_.MakeCall(command.text), "dial " + command.text);
+      const std::optional<std::string> formatted = actions_.FormatNumber(command.text);
+      if (!formatted) return {StepOutcome::Kind::kFailed, "dial " + command.text + ": the formatter refused it"};
+      const std::string what = "dial " + command.text + " formatted to " + *formatted;
+      if (!IsDialString(*formatted)) return {StepOutcome::Kind::kFailed, what + ", which is not a dial string"};
+      return Result(actions_.MakeCall(*formatted), what);
+    }
     case CommandKind::kSendError:
       return Result(actions_.SendError(command.number), "error " + std::to_string(command.number));
     case CommandKind::kWait:

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "platform/clock.h"
@@ -21,6 +22,8 @@ class PhoneActions {
   virtual std::int32_t PutKey(std::uint32_t key) = 0;
   virtual std::int32_t MakeCall(const std::string& number) = 0;
   virtual std::int32_t SendError(std::uint32_t code) = 0;
+  // What the number formatter makes of a typed number; nullopt when it refuses.
+  virtual std::optional<std::string> FormatNumber(const std::string& number) = 0;
 };
 
 struct StepOutcome {
@@ -38,7 +41,8 @@ class ScriptRunner {
                platform::ManualResetEvent& stop)
       : actions_(actions), view_(view), clock_(clock), stop_(stop) {}
 
-  // Runs one command; blocks for waits. kStatus and kHelp are left to the caller (kOk).
+  // Runs one command; blocks for waits. kStatus, kDevices and kHelp are left to the caller
+  // (kOk).
   // A wait-ring, wait-media or wait-end is met by an event that arrived since the last wait of
   // its kind, also one that came before the command, so a script cannot miss a quick event.
   StepOutcome Run(const Command& command);

@@ -36,7 +36,7 @@ bool VoicePacer::Start() {
 }
 
 void VoicePacer::Stop() {
-  stop_.Set();
+  RequestStop();
   thread_.Join();
 }
 
@@ -45,6 +45,15 @@ void VoicePacer::Run() {
   constexpr std::int64_t kMaxLagNs = std::chrono::nanoseconds(kMaxLag).count();
   std::int64_t due_ns = clock_.SteadyNs();
   while (!stop_.IsSet()) {
+    if (!active_.load()) {
+      // No ticking while idle. The reset comes before the second look, so a Wake that
+      // follows the path opening is never lost.
+      was_active_ = false;
+      wake_.Reset();
+      if (!active_.load() && !stop_.IsSet()) clock_.WaitFor(wake_, kIdleWait);
+      due_ns = clock_.SteadyNs();
+      continue;
+    }
     Tick();
     due_ns += kPeriodNs;
     const std::int64_t now_ns = clock_.SteadyNs();
@@ -52,32 +61,36 @@ void VoicePacer::Run() {
       due_ns = now_ns;
       ++resyncs_;
     }
-    if (due_ns > now_ns) {
+    // A device whose writes block keeps the thread behind `due_ns - lead`, so it never sleeps
+    // here: the device alone is the clock. One that does not block is held to the schedule.
+    const std::int64_t wake_ns = due_ns - lead_ns_;
+    if (wake_ns > now_ns) {
       // Round up so the frame never leaves early.
-      const std::int64_t wait_ms = (due_ns - now_ns + 999'999) / 1'000'000;
+      const std::int64_t wait_ms = (wake_ns - now_ns + 999'999) / 1'000'000;
       if (clock_.WaitFor(stop_, std::chrono::milliseconds(wait_ms))) break;
     }
   }
 }
 
 void VoicePacer::Tick() {
-  if (!active_.load()) {
-    was_active_ = false;
-    return;
-  }
   if (!was_active_) path_ticks_ = 0;
   was_active_ = true;
   ++path_ticks_;
-  std::array<std::int16_t, kFrameSamples> frame;
-  source_.Next(frame);
-  port_.SendVoice(frame);
-  ++sent_;
+  if (source_ != nullptr) {
+    std::array<std::int16_t, kFrameSamples> frame;
+    source_->Next(frame);
+    port_.SendVoice(frame);
+    ++sent_;
+  }
 
   std::uint32_t status = 0xffffffffu;
   const std::uint32_t bytes = port_.ReceiveVoice(receive_buffer_, &status);
   // Never trust a count past the buffer that was handed over.
   const std::size_t samples = std::min<std::size_t>(bytes / 2, receive_buffer_.size());
-  if (samples == 0) return;
+  if (samples == 0) {
+    if (sink_ != nullptr) sink_->Gap();
+    return;
+  }
   if (status == kStatusDelivered) {
     received_ += samples / kFrameSamples;
     std::int64_t none = -1;

@@ -1,6 +1,11 @@
-// The phone's sound card: every 20 ms, while the voice path is open, one microphone frame goes
-// to send_voice and what recv_voice gives goes to the recording. One thread does both, paced
-// by the injected clock, so the schedule runs in simulated time under test.
+// The phone's voice thread: every 20 ms, while the voice path is open, one microphone frame goes
+// to send_voice and what recv_voice gives goes to the sinks (the recording, the speaker). One
+// thread does both, paced by the injected clock, so the schedule runs in simulated time under
+// test. While no voice path is open the thread sleeps until one opens.
+//
+// With a sound card beneath it (the Audio module), the microphone's frames reach send_voice
+// from the card's capture callback instead, and the speaker is the clock: its writes block once
+// its queue is full, so the thread only sleeps when it runs further ahead than that queue.
 #pragma once
 
 #include <atomic>
@@ -58,6 +63,26 @@ class FrameSink {
  public:
   virtual ~FrameSink() = default;
   virtual void Write(std::span<const std::int16_t> samples) = 0;
+  // A tick of an open voice path that delivered nothing (playout not begun, nothing due).
+  virtual void Gap() {}
+};
+
+// Both of two sinks, in order; either may be null.
+class TeeSink final : public FrameSink {
+ public:
+  TeeSink(FrameSink* first, FrameSink* second) : first_(first), second_(second) {}
+  void Write(std::span<const std::int16_t> samples) override {
+    if (first_ != nullptr) first_->Write(samples);
+    if (second_ != nullptr) second_->Write(samples);
+  }
+  void Gap() override {
+    if (first_ != nullptr) first_->Gap();
+    if (second_ != nullptr) second_->Gap();
+  }
+
+ private:
+  FrameSink* first_;
+  FrameSink* second_;
 };
 
 // send_voice and recv_voice, as the pacer uses them.
@@ -90,10 +115,18 @@ class VoicePacer {
   // so a stall never turns into a burst of frames.
   static constexpr std::chrono::milliseconds kMaxLag{100};
 
-  // `sink` may be null. `active` gates the voice path: nothing moves while it is false.
-  VoicePacer(VoicePort& port, FrameSource& source, FrameSink* sink,
-             const std::atomic<bool>& active, platform::Clock& clock)
-      : port_(port), source_(source), sink_(sink), active_(active), clock_(clock) {}
+  // How long the thread sleeps at most while no voice path is open, should a Wake be missed.
+  static constexpr std::chrono::milliseconds kIdleWait{60'000};
+
+  // `source` null: the pacer sends nothing (a sound card's capture does). `sink` may be null.
+  // `active` gates the voice path: nothing moves while it is false; call Wake when it turns
+  // true. `lead`: how far the thread may run ahead of its 20 ms schedule before it sleeps;
+  // 0 for a clock of its own, the depth of the device's queue when the sink's writes block.
+  VoicePacer(VoicePort& port, FrameSource* source, FrameSink* sink,
+             const std::atomic<bool>& active, platform::Clock& clock,
+             std::chrono::milliseconds lead = std::chrono::milliseconds(0))
+      : port_(port), source_(source), sink_(sink), active_(active), clock_(clock),
+        lead_ns_(std::chrono::nanoseconds(lead).count()) {}
   ~VoicePacer() { Stop(); }
   VoicePacer(const VoicePacer&) = delete;
   VoicePacer& operator=(const VoicePacer&) = delete;
@@ -103,7 +136,12 @@ class VoicePacer {
   // Ends the loop and joins the thread; safe to call twice and without Start.
   void Stop();
   // Ends the loop at its next look; any thread.
-  void RequestStop() { stop_.Set(); }
+  void RequestStop() {
+    stop_.Set();
+    wake_.Set();
+  }
+  // The voice path has opened: ends the idle sleep. Any thread, cheap.
+  void Wake() { wake_.Set(); }
   // The loop itself, on the calling thread, until RequestStop.
   void Run();
 
@@ -113,11 +151,13 @@ class VoicePacer {
   void Tick();
 
   VoicePort& port_;
-  FrameSource& source_;
+  FrameSource* source_;
   FrameSink* sink_;
   const std::atomic<bool>& active_;
   platform::Clock& clock_;
+  const std::int64_t lead_ns_;
   platform::ManualResetEvent stop_{"phone voice stop"};
+  platform::ManualResetEvent wake_{"phone voice wake"};
   platform::Thread thread_;
   std::atomic<std::uint64_t> sent_{0};
   std::atomic<std::uint64_t> received_{0};

@@ -7,7 +7,7 @@
 #include "audio/built_in_sounds.h"
 #include "platform/wave/wav_file.h"
 #include "support/settings_store.h"
-#include "support/text.h"
+#include "platform/text.h"
 #include "support/tracer.h"
 
 namespace deskline {

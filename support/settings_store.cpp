@@ -5,7 +5,7 @@
 
 #include "platform/fs.h"
 #include "platform/ini.h"
-#include "support/text.h"
+#include "platform/text.h"
 
 namespace deskline {
 namespace {

@@ -26,6 +26,10 @@ inline constexpr int kWaveMapper = -1;
 // Device names are cut to this many UTF-16 units, as the classic capability record holds them.
 inline constexpr std::size_t kMaxWaveDeviceName = 31;
 
+// A device name as the backends list it: cut to kMaxWaveDeviceName units, never inside a
+// surrogate pair.
+std::u16string WaveDeviceName(std::u16string name);
+
 // Results, numbered as the classic wave API numbers them: the Audio module recognises a device
 // that has gone by 5 or 6.
 enum WaveResult : int {

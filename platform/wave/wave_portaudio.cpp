@@ -32,6 +32,8 @@
 #include <utility>
 #include <vector>
 
+#include "platform/text.h"
+
 namespace deskline::platform {
 namespace {
 
@@ -161,53 +163,9 @@ PaDeviceIndex FindDevice(int id, bool input) {
   return paNoDevice;
 }
 
-// UTF-8 (PortAudio's names) to UTF-16, cut to kMaxWaveDeviceName units without splitting a
-// surrogate pair. Bytes that are not UTF-8 become U+FFFD.
+// PortAudio's names are UTF-8; bytes that are not become U+FFFD.
 std::u16string DeviceName(const char* utf8) {
-  std::u16string out;
-  if (utf8 == nullptr) return out;
-  const auto* p = reinterpret_cast<const unsigned char*>(utf8);
-  static constexpr char32_t kMinimum[] = {0, 0x80, 0x800, 0x10000};
-  while (*p != 0) {
-    const unsigned char lead = *p++;
-    char32_t c = 0;
-    int extra = 0;
-    if (lead < 0x80) {
-      c = lead;
-    } else if ((lead & 0xE0) == 0xC0) {
-      c = lead & 0x1F;
-      extra = 1;
-    } else if ((lead & 0xF0) == 0xE0) {
-      c = lead & 0x0F;
-      extra = 2;
-    } else if ((lead & 0xF8) == 0xF0) {
-      c = lead & 0x07;
-      extra = 3;
-    } else {
-      c = 0xFFFD;
-    }
-    for (int k = 0; k < extra; ++k) {
-      if ((*p & 0xC0) != 0x80) {  // also stops at the terminator
-        c = 0xFFFD;
-        extra = 0;
-        break;
-      }
-      c = (c << 6) | (*p++ & 0x3F);
-    }
-    if (extra > 0 && (c < kMinimum[extra] || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF))) {
-      c = 0xFFFD;
-    }
-    if (c >= 0x10000) {
-      if (out.size() + 2 > kMaxWaveDeviceName) break;
-      c -= 0x10000;
-      out.push_back(static_cast<char16_t>(0xD800 + (c >> 10)));
-      out.push_back(static_cast<char16_t>(0xDC00 + (c & 0x3FF)));
-    } else {
-      if (out.size() + 1 > kMaxWaveDeviceName) break;
-      out.push_back(static_cast<char16_t>(c));
-    }
-  }
-  return out;
+  return utf8 == nullptr ? std::u16string() : WaveDeviceName(Utf8ToUtf16(utf8));
 }
 
 // The PortAudio sample format for a PCM format, and its bytes per frame; false if the backend

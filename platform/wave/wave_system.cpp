@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "platform/fs.h"
+#include "platform/text.h"
 #include "platform/wave/wave_portaudio.h"
 #include "platform/wave/wave_virtual.h"
 
@@ -34,6 +35,10 @@ VirtualWaveSystem& TheVirtualSystem() {
 }
 
 }  // namespace
+
+std::u16string WaveDeviceName(std::u16string name) {
+  return CutUtf16(std::move(name), kMaxWaveDeviceName);
+}
 
 // Neither backend is ever destroyed: streams and engine threads may still use them while the
 // process exits, and their memory goes with the process.

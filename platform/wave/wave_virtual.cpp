@@ -20,6 +20,7 @@
 
 #include "platform/event.h"
 #include "platform/fs.h"
+#include "platform/text.h"
 #include "platform/thread.h"
 #include "platform/wave/wav_file.h"
 
@@ -37,78 +38,6 @@ constexpr std::uint32_t kMicRate = 8000;
 
 using Message = std::pair<WaveMessage, WaveHeader*>;
 
-// --- Text: UTF-8 and UTF-16 without the support library (platform depends on nothing).
-
-std::u16string FromUtf8(std::string_view text) {
-  std::u16string out;
-  std::size_t i = 0;
-  while (i < text.size()) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    std::uint32_t cp = 0xFFFD;
-    std::size_t len = 1;
-    if (c < 0x80) {
-      cp = c;
-    } else if (c >= 0xC2 && c < 0xF5) {
-      len = c < 0xE0 ? 2 : c < 0xF0 ? 3 : 4;
-      std::uint32_t v = c & (0x3F >> (len - 1));
-      bool ok = i + len <= text.size();
-      for (std::size_t k = 1; ok && k < len; ++k) {
-        const auto b = static_cast<unsigned char>(text[i + k]);
-        ok = (b & 0xC0) == 0x80;
-        v = (v << 6) | (b & 0x3F);
-      }
-      const std::uint32_t min = len == 2 ? 0x80 : len == 3 ? 0x800 : 0x10000;
-      if (ok && v >= min && v <= 0x10FFFF && (v < 0xD800 || v > 0xDFFF)) {
-        cp = v;
-      } else {
-        len = 1;
-      }
-    }
-    if (cp >= 0x10000) {
-      out.push_back(static_cast<char16_t>(0xD800 + ((cp - 0x10000) >> 10)));
-      out.push_back(static_cast<char16_t>(0xDC00 + ((cp - 0x10000) & 0x3FF)));
-    } else {
-      out.push_back(static_cast<char16_t>(cp));
-    }
-    i += len;
-  }
-  return out;
-}
-
-std::string ToUtf8(std::u16string_view text) {
-  std::string out;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    std::uint32_t cp = text[i];
-    if (cp >= 0xD800 && cp < 0xDC00 && i + 1 < text.size() && text[i + 1] >= 0xDC00 &&
-        text[i + 1] < 0xE000) {
-      cp = 0x10000 + ((cp - 0xD800) << 10) + (text[i + 1] - 0xDC00);
-      ++i;
-    } else if (cp >= 0xD800 && cp < 0xE000) {
-      cp = 0xFFFD;
-    }
-    if (cp < 0x80) {
-      out.push_back(static_cast<char>(cp));
-    } else if (cp < 0x800) {
-      out.push_back(static_cast<char>(0xC0 | (cp >> 6)));
-      out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-    } else if (cp < 0x10000) {
-      out.push_back(static_cast<char>(0xE0 | (cp >> 12)));
-      out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-    } else {
-      out.push_back(static_cast<char>(0xF0 | (cp >> 18)));
-      out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-      out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-    }
-  }
-  return out;
-}
-
-std::u16string CutName(std::u16string name) {
-  if (name.size() > kMaxWaveDeviceName) name.resize(kMaxWaveDeviceName);
-  return name;
-}
 
 bool FormatSupported(const WaveFormat& f) {
   return f.format_tag == 1 && (f.bits_per_sample == 8 || f.bits_per_sample == 16) &&
@@ -727,7 +656,7 @@ struct VirtualWaveSystem::Impl {
   }
 
   void SetPresent(bool input, const std::u16string& full_name, bool present) {
-    const std::u16string name = CutName(full_name);
+    const std::u16string name = WaveDeviceName(full_name);
     std::lock_guard lock(shared->mutex);
     auto& list = input ? shared->inputs : shared->outputs;
     const bool listed = std::find(list.begin(), list.end(), name) != list.end();
@@ -769,13 +698,13 @@ int VirtualWaveSystem::OpenIn(int id, const WaveFormat& format, WaveListener* li
 }
 
 void VirtualWaveSystem::SetInputDevices(std::vector<std::u16string> names) {
-  for (auto& name : names) name = CutName(std::move(name));
+  for (auto& name : names) name = WaveDeviceName(std::move(name));
   std::lock_guard lock(impl_->shared->mutex);
   impl_->shared->inputs = std::move(names);
 }
 
 void VirtualWaveSystem::SetOutputDevices(std::vector<std::u16string> names) {
-  for (auto& name : names) name = CutName(std::move(name));
+  for (auto& name : names) name = WaveDeviceName(std::move(name));
   std::lock_guard lock(impl_->shared->mutex);
   impl_->shared->outputs = std::move(names);
 }
@@ -899,7 +828,7 @@ std::vector<std::u16string> ParseNames(const std::string& text) {
   std::vector<std::u16string> names;
   for (const auto& part : Split(text, ";")) {
     const std::string name = Trim(part);
-    if (!name.empty()) names.push_back(CutName(FromUtf8(name)));
+    if (!name.empty()) names.push_back(WaveDeviceName(Utf8ToUtf16(name)));
   }
   return names;
 }
@@ -952,7 +881,7 @@ void ParseUnplugs(const std::string& text, VirtualWaveSettings* s) {
       ok = (which == "in" || which == "out") && !name.empty() &&
            ParseInt(from, 0, 100'000'000, &from_ms) &&
            (to.empty() || (ParseInt(to, 0, 100'000'000, &to_ms) && to_ms >= from_ms));
-      unplug = {which == "in", CutName(FromUtf8(name)), from_ms, to_ms};
+      unplug = {which == "in", WaveDeviceName(Utf8ToUtf16(name)), from_ms, to_ms};
     }
     if (!ok) {
       s->problems.push_back("DESKLINE_AUDIO_UNPLUG: cannot understand \"" + item + "\"");
@@ -1099,7 +1028,7 @@ std::string PlaybackFileName(const VirtualPlayback& p) {
 }
 
 std::string PlaybackLogLine(const VirtualPlayback& p, const std::string& file_name) {
-  std::string device = ToUtf8(p.device);
+  std::string device = Utf16ToUtf8(p.device);
   for (char& c : device) {
     if (c == '\t' || c == '\n' || c == '\r') c = ' ';
   }

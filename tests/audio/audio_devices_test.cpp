@@ -3,7 +3,7 @@
 #include <cstdlib>
 
 #include "audio_fixture.h"
-#include "support/text.h"
+#include "platform/text.h"
 
 namespace deskline::testing {
 namespace {

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "platform/wave/wav_file.h"
-#include "support/text.h"
+#include "platform/text.h"
 #include "tone/tone_tables.h"
 
 namespace deskline::audio {

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "number/number_test_util.h"
-#include "support/text.h"
+#include "platform/text.h"
 
 namespace deskline {
 namespace {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "deskline/deskline.h"
-#include "support/text.h"
+#include "platform/text.h"
 
 namespace deskline::testing {
 

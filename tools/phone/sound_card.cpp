@@ -4,7 +4,7 @@
 #include <cstdlib>
 
 #include "support/settings_store.h"
-#include "support/text.h"
+#include "platform/text.h"
 #include "tools/phone/commands.h"
 #include "tools/phone/records.h"
 

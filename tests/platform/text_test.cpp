@@ -1,6 +1,6 @@
 // UTF-16 <-> UTF-8 at the host boundary: exact bytes at every encoding-length boundary, and
 // one U+FFFD per maximal ill-formed subsequence.
-#include "support/text.h"
+#include "platform/text.h"
 
 #include <gtest/gtest.h>
 
@@ -70,6 +70,20 @@ TEST(TextTest, LengthsStopAtTheTerminatorOrTheBound) {
   std::fill_n(narrow.get(), 4, 'x');
   EXPECT_EQ(U8Length(narrow.get(), 4), 4u);
   EXPECT_EQ(U8Length(narrow.get(), 2), 2u);
+}
+
+
+TEST(TextTest, CutsNeverSplitASurrogatePair) {
+  const std::u16string pair = u"\U0001F4DE";  // two units
+  struct Row { std::u16string text; std::size_t max; std::u16string expected; };
+  const Row rows[] = {
+      {u"abc", 3, u"abc"},       {u"abcd", 3, u"abc"},     {u"ab" + pair, 3, u"ab"},
+      {u"ab" + pair, 4, u"ab" + pair}, {u"a" + pair + u"b", 2, u"a"}, {pair, 1, u""},
+      {u"", 0, u""},
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(CutUtf16(row.text, row.max), row.expected) << row.max;
+  }
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 // Pure functions, any thread. Ill-formed input is never an error here: an unpaired surrogate
 // or a byte that does not belong becomes U+FFFD, one per maximal ill-formed subsequence.
 // Callers that must not lose anything check with IsValidUtf16/IsValidUtf8 first.
+// It lives in the platform layer, below everything, because the platform's own code (sound
+// device names, for one) converts text too; nothing here touches the operating system.
 #pragma once
 
 #include <cstddef>
@@ -24,5 +26,8 @@ bool IsValidUtf8(std::string_view text);
 // comes within them, 0 for a null pointer. Never reads past `max` units.
 std::size_t U16Length(const char16_t* s, std::size_t max);
 std::size_t U8Length(const char* s, std::size_t max);
+
+// The text cut to at most `max_units`, never between the two halves of a surrogate pair.
+std::u16string CutUtf16(std::u16string text, std::size_t max_units);
 
 }  // namespace deskline

@@ -1,4 +1,4 @@
-#include "support/text.h"
+#include "platform/text.h"
 
 namespace deskline {
 namespace {
@@ -136,6 +136,15 @@ std::size_t U8Length(const char* s, std::size_t max) {
   std::size_t n = 0;
   while (n < max && s[n] != '\0') ++n;
   return n;
+}
+
+std::u16string CutUtf16(std::u16string text, std::size_t max_units) {
+  if (text.size() <= max_units) return text;
+  std::size_t cut = max_units;
+  // A high surrogate at the end would lose its partner.
+  if (cut > 0 && text[cut - 1] >= 0xD800 && text[cut - 1] < 0xDC00) --cut;
+  text.resize(cut);
+  return text;
 }
 
 }  // namespace deskline

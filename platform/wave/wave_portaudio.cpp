@@ -563,8 +563,10 @@ class Stream {
   std::size_t delivering_ = 0;  // taken by the notifier, listener not yet returned
   std::uint32_t offset_ = 0;    // bytes of the first unfinished header already played or filled
   std::uint64_t idle_played_ = 0;
-  bool expect_end_ = false;  // we stop the stream, so its end is no failure
-  bool idle_ended_ = false;  // the callback ended it after a long silence
+  // Guarded by m_, and atomic as well: PortAudio may run the end callback from the cleanup of
+  // its cancelled thread, where ThreadSanitizer loses sight of the lock.
+  std::atomic<bool> expect_end_{false};  // we stop the stream, so its end is no failure
+  std::atomic<bool> idle_ended_{false};  // the callback ended it after a long silence
   bool quit_ = false;
   std::atomic<bool> gone_{false};
   std::thread notifier_;

@@ -563,8 +563,10 @@ class Stream {
   std::size_t delivering_ = 0;  // taken by the notifier, listener not yet returned
   std::uint32_t offset_ = 0;    // bytes of the first unfinished header already played or filled
   std::uint64_t idle_played_ = 0;
-  // Guarded by m_, and atomic as well: PortAudio may run the end callback from the cleanup of
-  // its cancelled thread, where ThreadSanitizer loses sight of the lock.
+  // Guarded by m_, and atomic as well. ThreadSanitizer once reported the end callback's read
+  // against StopDevice's write although both hold m_; the callback runs on PortAudio's own
+  // thread, which an abort cancels, and the cause was not pinned down. Atomic keeps every read
+  // well defined whatever it was.
   std::atomic<bool> expect_end_{false};  // we stop the stream, so its end is no failure
   std::atomic<bool> idle_ended_{false};  // the callback ended it after a long silence
   bool quit_ = false;

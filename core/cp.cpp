@@ -87,16 +87,18 @@ int CCp::UpdateState(std::uint32_t event) {
   return 0;
 }
 
-int CCp::FailStart(std::unique_lock<std::recursive_mutex>& lock, int result, std::uint32_t level,
-                   const char* message) {
+int CCp::FailStart(StartLocks& locks, int result, std::uint32_t level, const char* message) {
   DL_TRACE(level, "%s", message);
-  lock.unlock();
+  locks.cp.unlock();
+  locks.event.unlock();
   Shutdown();
   return result;
 }
 
 int CCp::Start() {
-  std::unique_lock lock(cp_lock_);
+  // The start is call work: the MGCP module's RSIP post takes the event lock, so it is taken
+  // here first, in the engine's one order.
+  StartLocks lock{std::unique_lock(event_lock_), std::unique_lock(cp_lock_)};
   DL_TRACE(TRACE_STATUS, "[CP] Module starting");
   shutting_down_.store(false);
   stop_event_.Reset();
@@ -388,9 +390,12 @@ int CCp::OnMgcpEvent(std::uint32_t event, const char* data, bool take_lock) {
 }
 
 int CCp::SetEventLock(bool take) {
+  // Both, in order: the module's command lock comes after them.
   if (take) {
     event_lock_.lock();
+    cp_lock_.lock();
   } else {
+    cp_lock_.unlock();
     event_lock_.unlock();
   }
   return 0;

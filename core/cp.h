@@ -10,9 +10,16 @@
 // - HandleMessage: the mailbox polling thread.
 // - OnMgcpEvent, SetEventLock: the mailbox polling thread and the MGCP socket thread.
 // - OnPtapMessage, OnPtapEvent: the PTAP threads; they take no lock.
-// Lock order: event_lock_ is the outermost lock of call work; cp_lock_ and the MGCP endpoint's
-// command lock nest under it in either order, which event_lock_ makes safe. Both CCp locks are
-// re-entrant. Host callbacks run under them on the MGCP path and must not call uninitialize.
+// Lock order, one for the whole engine, outermost first (a thread may skip any, never go back):
+//   1. CCp::event_lock_       call work: Start, a mailbox message, an MGCP command
+//   2. CCp::cp_lock_          call state, line keys, the module pointers
+//   3. CMgcp::commandLock_    the endpoint's control block and list
+//   4. CMgcp::mediaLock_      connection and SDP fields (pure parsing and building only)
+//   5. leaves that call out to nobody: the module locks of PTAP, RTP, the voice buffer and
+//      the Wave session, the mailbox, the trace, the settings store.
+// SetEventLock takes 1 and 2 together, so the MGCP socket thread holds both before its
+// command lock and a post back to the call processor only re-enters them. Both CCp locks are
+// re-entrant. Host callbacks run under 1 and 2 on the MGCP path and must not call uninitialize.
 #pragma once
 
 #include <atomic>
@@ -167,8 +174,13 @@ class CCp final : public CModule, public PtapObserver, public PtapParent, public
 
  private:
   platform::Clock& clock() const { return *clock_; }
-  int FailStart(std::unique_lock<std::recursive_mutex>& lock, int result, std::uint32_t level,
-                const char* message);
+  // Start's hold on the event and call processor locks, given back before a failed start
+  // shuts the modules down (their threads may be waiting for the locks).
+  struct StartLocks {
+    std::unique_lock<std::recursive_mutex> event;
+    std::unique_lock<std::recursive_mutex> cp;
+  };
+  int FailStart(StartLocks& locks, int result, std::uint32_t level, const char* message);
   void MailboxLoop(platform::ThreadId self);
   void PunchLoop(platform::ThreadId self);
   int SendKey(const char* text);

@@ -103,6 +103,8 @@ class MgcpParent {
   virtual ~MgcpParent() = default;
   // `take_lock` false means the caller already holds the event lock.
   virtual int OnMgcpEvent(std::uint32_t event, const char* data, bool take_lock) = 0;
+  // Takes (true) or gives back (false) the parent's locks of call work, which come before
+  // every lock of the endpoint.
   virtual int SetEventLock(bool take) = 0;
 };
 

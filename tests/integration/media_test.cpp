@@ -372,6 +372,39 @@ INSTANTIATE_TEST_SUITE_P(Media, ReceivingCall, ::testing::Bool(), [](const auto&
   return std::string(row.param ? "Release" : "Hold");
 });
 
+// A whole call as a user makes it: registered, off hook, connected, talking both ways, held,
+// resumed, talking again, hung up by the PBX and the engine stopped. The scenario that the
+// ThreadSanitizer build repeats a hundred times (--gtest_repeat), since it crosses every
+// engine thread: PTAP, MGCP socket and resend, mailbox, punching, RTP receive and the host's.
+TEST_F(MediaCall, WholeCallTalksHoldsResumesAndHangsUp) {
+  ASSERT_NO_FATAL_FAILURE(StartCall(0));
+  EXPECT_TRUE(HostSaw("event(35,5,G.711)", kWait));
+  ASSERT_TRUE(peer_.StartSending());
+  host_.Start();
+  ASSERT_FALSE(PlayedFrom(0, 10).empty()) << "the call never played";
+  ASSERT_TRUE(peer_.WaitForReceived(25, kWait)) << "the host's voice never reached the far end";
+
+  ASSERT_NO_FATAL_FAILURE(Command(agent().SendMdcx(sim::ConnectionMode::kInactive), 200));
+  EXPECT_FALSE(wave_->is_receiving());
+  const std::vector<Pull> held = NextPulls(10);
+  EXPECT_EQ(Count(held, kNotPlaying), held.size());
+
+  const std::size_t from = host_.Pulls().size();
+  ASSERT_NO_FATAL_FAILURE(Command(agent().SendMdcx(sim::ConnectionMode::kSendRecv), 200));
+  EXPECT_TRUE(wave_->is_receiving());
+  const std::vector<std::int16_t> heard = Played(PlayedFrom(from, 15));
+  ASSERT_FALSE(heard.empty()) << "nothing played after resuming";
+  EXPECT_NEAR(sim::DominantFrequency(heard), kPeerHz, kPeerHz * 0.02);
+  const std::size_t received = peer_.Received().size();
+  ASSERT_TRUE(peer_.WaitForReceived(received + 10, kWait)) << "no voice out after resuming";
+
+  ASSERT_NO_FATAL_FAILURE(Command(agent().SendDlcx(), 250));
+  EXPECT_TRUE(HostSaw("event(36,0)", kWait));
+  host_.Stop();
+  peer_.StopSending();
+  EXPECT_EQ(uninitialize(), 0);
+}
+
 // Each packet the network drops is one concealed frame for the host.
 TEST_F(MediaCall, EachLostPacketIsConcealedOnce) {
   constexpr std::uint32_t kFrames = 250;

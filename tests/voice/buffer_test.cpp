@@ -10,6 +10,7 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <chrono>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -328,11 +329,16 @@ TEST(Buffer, ThreeThreadsShareTheBuffer) {
   });
   std::thread host([&] {
     std::array<std::int16_t, 1280> out{};
-    while (!stop) buffer->GetFrames(out, nullptr);
+    while (!stop) {
+      buffer->GetFrames(out, nullptr);
+      std::this_thread::yield();
+    }
   });
+  // A reset walks every slot; back to back they would starve the receiver, and the call
+  // processor resets at most a few times a second.
   while (!stop) {
     buffer->Reset();
-    std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   receiver.join();
   host.join();

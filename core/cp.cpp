@@ -241,6 +241,7 @@ int CCp::Shutdown() {
   // The threads are told by their zeroed ids and joined before anything they reach goes.
   if (mailbox_thread_.created()) {
     mailbox_thread_id_.store(0);
+    mail_event_.Set();
     mailbox_thread_.Join();
     DL_TRACE(TRACE_STATUS, "[CP] Module shutdown");
   }
@@ -276,6 +277,7 @@ int CCp::WriteMailbox(std::uint32_t code, const void* payload, std::int32_t leng
     DL_TRACE(TRACE_ERROR, "[CP :: ERROR] Write operation to Mailbox failed");
     return 1;
   }
+  mail_event_.Set();
   return 0;
 }
 
@@ -292,18 +294,31 @@ void CCp::MailboxLoop(platform::ThreadId self) {
   DL_TRACE(TRACE_DETAIL, "[CP :: Thread] Thread started - ID [%04d]", static_cast<int>(self));
   // One spare byte keeps a full 200-byte payload terminated for the text paths.
   char payload[CMailbox::kMaxPayload + 1] = {};
+  // The earliest moment of the next read: one read a period at most, as the poll always was.
+  std::int64_t due = clock().SteadyNs();
   for (;;) {
     if (instance_.load() == nullptr || mailbox_thread_id_.load() != self) {
       DL_TRACE(TRACE_DETAIL, "[CP :: Thread] Thread terminated - ID [%04d]", static_cast<int>(self));
       break;
     }
+    const std::int64_t now = clock().SteadyNs();
+    if (now < due) {
+      clock().WaitFor(stop_event_, std::chrono::ceil<std::chrono::milliseconds>(
+                                       std::chrono::nanoseconds(due - now)));
+      continue;
+    }
+    // Reset before looking, so that a write after the look still rings.
+    mail_event_.Reset();
     std::uint32_t code = 0;
     std::int32_t length = 0;
     if (ReadMailbox(&code, payload, &length) == 0) {
       HandleMessage(code, payload, length);
       std::memset(payload, 0, sizeof(payload));
+      due = clock().SteadyNs() + std::chrono::nanoseconds(kMailboxPeriod).count();
+      continue;
     }
-    clock().WaitFor(stop_event_, kMailboxPeriod);
+    due = now + std::chrono::nanoseconds(kMailboxPeriod).count();
+    clock().WaitFor(mail_event_, kMailboxIdleWait);
   }
 }
 

@@ -118,7 +118,10 @@ class CCp final : public CModule, public PtapObserver, public PtapParent, public
   static constexpr std::chrono::milliseconds kPtapStartWait{19000};
   static constexpr int kRsipWaitMs = 19000;
   static constexpr int kRsipPollMs = 100;
+  // The mailbox is read at most once a period, so that dialled keys leave 50 ms apart as a
+  // PBX has always seen them; with nothing queued the thread sleeps until a write.
   static constexpr std::chrono::milliseconds kMailboxPeriod{50};
+  static constexpr std::chrono::milliseconds kMailboxIdleWait{std::chrono::hours(1)};
   static constexpr std::chrono::milliseconds kPunchPeriod{1000};
 
   explicit CCp(CpDependencies deps);
@@ -213,6 +216,8 @@ class CCp final : public CModule, public PtapObserver, public PtapParent, public
 
   // Wakes the worker threads early at shutdown; their periods are otherwise unchanged.
   platform::ManualResetEvent stop_event_{"EventCP_Stop"};
+  // Set by every write to the mailbox (and at shutdown): the sleeping polling thread's bell.
+  platform::ManualResetEvent mail_event_{"EventCP_Mail"};
   std::uint16_t mgcp_local_port_ = 0;
   std::uint16_t mgcp_pbx_port_ = 0;
 };

@@ -184,5 +184,47 @@ TEST_F(CpPolling, OneKeyPerPeriod) {
   EXPECT_EQ(terminated, 2) << "both threads saw their id cleared";
 }
 
+// Idle, the polling thread sleeps until a write rings it: a key after a long silence leaves
+// within one period, and nothing is read while nothing is written.
+TEST_F(CpPolling, SleepsUntilAWriteAndAnswersWithinOnePeriod) {
+  StartCp();
+  ASSERT_TRUE(clock_.AwaitSleepers(2));
+  auto posts = [&] { return fakes_.log.With("mgcp.Post").size(); };
+  // Ten idle seconds in steps: the punching thread wakes each second, the mailbox never.
+  for (int second = 0; second < 10; ++second) {
+    clock_.AdvanceMs(1000);
+    ASSERT_TRUE(clock_.AwaitSleepers(2));
+  }
+  EXPECT_EQ(posts(), 0u);
+  ASSERT_EQ(cp_->WriteMailbox(13, "0731", 4), 0);
+  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+  while (posts() < 1 && std::chrono::steady_clock::now() < until) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  EXPECT_EQ(posts(), 1u) << "handled at once: the last read was more than a period ago";
+  // The next key keeps the pace: not before a period has passed.
+  ASSERT_TRUE(clock_.AwaitSleepers(2));
+  ASSERT_EQ(cp_->WriteMailbox(13, "0732", 4), 0);
+  ASSERT_TRUE(clock_.AwaitSleepers(2));
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(posts(), 1u);
+  clock_.AdvanceMs(50);
+  const auto until2 = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+  while (posts() < 2 && std::chrono::steady_clock::now() < until2) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  EXPECT_EQ(posts(), 2u);
+}
+
+// Shutdown rings every sleeping thread: with simulated time standing still it still returns.
+TEST_F(CpPolling, ShutdownWakesTheSleepingThreadsWithoutTimePassing) {
+  StartCp();
+  ASSERT_TRUE(clock_.AwaitSleepers(2));
+  const std::int64_t before = clock_.ElapsedMs();
+  cp_->Shutdown();
+  EXPECT_EQ(clock_.sleepers(), 0);
+  EXPECT_EQ(clock_.ElapsedMs(), before);
+}
+
 }  // namespace
 }  // namespace deskline

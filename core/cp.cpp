@@ -167,18 +167,20 @@ int CCp::Start() {
       return FailStart(lock, 1, TRACE_CRITICAL, "[CP :: CRITICAL ERROR] Startup failed: MGCP");
     }
     mgcp_->SetLocalMedia(kRtpPort);
+    rsip_event_.Reset();
     if (mgcp_->PostEvent(MGCP_EVENT_SEND_RSIP, nullptr) != 0) {
       return FailStart(lock, 1, TRACE_CRITICAL,
                        "[CP :: CRITICAL ERROR] Startup failed: MGCP RSIP delivery");
     }
     DL_TRACE(TRACE_STATUS, "[CP] Waiting for response: MGCP RSIP acknowledgment");
-    // An acknowledgement seen only at the last step of the count is a timeout.
-    int elapsed_ms = 0;
-    while (!mgcp_->IsRsipAcknowledged() && elapsed_ms <= kRsipWaitMs) {
-      elapsed_ms += kRsipPollMs;
-      clock().SleepFor(std::chrono::milliseconds(kRsipPollMs));
+    // Woken by the answer itself; the poll step stays for an endpoint that does not ring.
+    // An acknowledgement seen only when the wait is up is a timeout.
+    const std::int64_t rsip_sent_ns = clock().SteadyNs();
+    auto waited_ms = [&] { return (clock().SteadyNs() - rsip_sent_ns) / 1'000'000; };
+    while (!mgcp_->IsRsipAcknowledged() && waited_ms() < kRsipWaitMs) {
+      clock().WaitFor(rsip_event_, std::chrono::milliseconds(kRsipPollMs));
     }
-    if (elapsed_ms >= kRsipWaitMs || !mgcp_->IsRsipAcknowledged()) {
+    if (!mgcp_->IsRsipAcknowledged() || waited_ms() >= kRsipWaitMs) {
       return FailStart(lock, 1, TRACE_CRITICAL,
                        "[CP :: CRITICAL ERROR] Operation timeout: MGCP RSIP acknowledgement");
     }
@@ -403,6 +405,8 @@ int CCp::OnMgcpEvent(std::uint32_t event, const char* data, bool take_lock) {
   }
   return 0;
 }
+
+void CCp::OnRsipAcknowledged() { rsip_event_.Set(); }
 
 int CCp::SetEventLock(bool take) {
   // Both, in order: the module's command lock comes after them.

@@ -155,6 +155,7 @@ class CCp final : public CModule, public PtapObserver, public PtapParent, public
   // MgcpParent.
   int OnMgcpEvent(std::uint32_t event, const char* data, bool take_lock) override;
   int SetEventLock(bool take) override;
+  void OnRsipAcknowledged() override;
   // PtapParent.
   int OnPtapMessage(std::uint32_t type, const char* payload, std::size_t length) override;
   // PtapObserver.
@@ -218,6 +219,8 @@ class CCp final : public CModule, public PtapObserver, public PtapParent, public
   platform::ManualResetEvent stop_event_{"EventCP_Stop"};
   // Set by every write to the mailbox (and at shutdown): the sleeping polling thread's bell.
   platform::ManualResetEvent mail_event_{"EventCP_Mail"};
+  // Set by the MGCP endpoint when its RSIP is answered: the start goes on at once.
+  platform::ManualResetEvent rsip_event_{"EventCP_Rsip"};
   std::uint16_t mgcp_local_port_ = 0;
   std::uint16_t mgcp_pbx_port_ = 0;
 };

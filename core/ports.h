@@ -106,6 +106,9 @@ class MgcpParent {
   // Takes (true) or gives back (false) the parent's locks of call work, which come before
   // every lock of the endpoint.
   virtual int SetEventLock(bool take) = 0;
+  // The RSIP has been answered. Called on the endpoint's socket thread with no lock held; it
+  // only wakes the start, which may hold the call locks while it waits.
+  virtual void OnRsipAcknowledged() {}
 };
 
 class IMgcp : public CModule {

@@ -290,6 +290,7 @@ void CMgcp::OnDatagram(MgcpPacket& packet) {
   if (!rsipAcknowledged_.load() && tid == rsipTransactionId_.load()) {
     DL_TRACE(TRACE_STATUS, "[MGCP] RSIP acknowledgement received");
     rsipAcknowledged_.store(true);
+    if (MgcpParent* parent = parent_.load()) parent->OnRsipAcknowledged();
   }
   if (bufferTable_) {
     DL_TRACE(TRACE_DETAIL, "[MGCP] ACK %d received. Buffer size = %d", static_cast<int>(tid),

@@ -42,6 +42,8 @@ class FakeParent final : public MgcpParent {
     events_.push_back(e);
     return 0;
   }
+  void OnRsipAcknowledged() override { ++rsip_rings_; }
+  int rsip_rings() const { return rsip_rings_.load(); }
   int SetEventLock(bool take) override {
     if (take) event_lock_.lock();
     balance_ += take ? 1 : -1;
@@ -57,6 +59,7 @@ class FakeParent final : public MgcpParent {
  private:
   CMgcp& mgcp_;
   std::recursive_mutex event_lock_;
+  std::atomic<int> rsip_rings_{0};
   std::mutex mutex_;
   std::vector<Event> events_;
 };
@@ -129,8 +132,15 @@ TEST_F(MgcpModuleTest, CommandsBeforeTheRsipAnswerAreDropped) {
   Send("DLCX 5" + kHead);
   EXPECT_EQ(Receive(rsip_, 700), std::nullopt);  // only RSIP resends, no answer
   EXPECT_TRUE(parent_.events().empty());
+  EXPECT_EQ(parent_.rsip_rings(), 0);
   Send("100 1\r\n");  // a provisional answer acknowledges as well
   EXPECT_TRUE(Eventually([&] { return mgcp_.IsRsipAcknowledged() && mgcp_.PendingCount() == 0; }));
+  // The parent's start is woken once, by the first answer only.
+  EXPECT_EQ(parent_.rsip_rings(), 1);
+  Send("200 1\r\n");
+  Send("DLCX 6" + kHead);
+  EXPECT_TRUE(Receive({}, 2000).has_value());  // the DLCX answer: the 200 was read before it
+  EXPECT_EQ(parent_.rsip_rings(), 1);
 }
 
 TEST_F(MgcpModuleTest, CommandsAreToldThenAnswered) {

@@ -19,8 +19,9 @@ constexpr std::chrono::milliseconds kStartPause{500};
 // How long the socket thread rests when the socket cannot be read (it never opened), so that
 // it waits for shutdown instead of spinning.
 constexpr std::chrono::milliseconds kClosedSocketPause{100};
-// The retransmission thread wakes at least this often, also with an empty list.
-constexpr std::uint32_t kMaxRetransmitWaitMs = 1000;
+// The longest sleep of the retransmission thread. A new item and shutdown ring it; this only
+// bounds what a missed ring could cost, so an idle phone wakes twice a minute, not every second.
+constexpr std::uint32_t kMaxRetransmitWaitMs = 30000;
 
 }  // namespace
 

@@ -16,7 +16,9 @@ constexpr char kCompulsionRestart[] = "PTAP_COMREST";
 
 // Waits of the worker threads.
 constexpr std::chrono::milliseconds kResendPeriod{5};
-constexpr std::chrono::milliseconds kIdleWait{1000};  // belt and braces: wakes come by event
+// Belt and braces: wakes come by event (a packet to resend, keepalive data, shutdown), so an
+// idle thread looks again only twice a minute.
+constexpr std::chrono::milliseconds kIdleWait{30000};
 constexpr std::chrono::milliseconds kReceiveErrorBackoff{10};
 
 std::chrono::milliseconds UntilNs(std::int64_t deadline_ns, std::int64_t now_ns) {

@@ -1,4 +1,5 @@
 // Life, call control and voice exports.
+#include <cstdint>
 #include <cstring>
 #include <new>
 
@@ -71,17 +72,22 @@ int32_t initialize(const NetworkInitData* data, PtapParameterContainer* params_o
     DL_TRACE(TRACE_CRITICAL, "[CRITICAL ERROR] Object creation failed: CallProcessor");
     return -1;
   }
-  engine().cp.store(cp);
   // The call processor stays after a failure here, until uninitialize.
   if (cp->SetInitData(data) != 0) {
+    engine().cp.store(cp);
     DL_TRACE(TRACE_CRITICAL, "[CRITICAL ERROR] PTAP initialization data is invalid");
     return -1;
   }
+  // The host's other threads reach the call processor only once it has started: until then it
+  // has no mailbox, and a failed start deletes it under their feet. Keys sent meanwhile get the
+  // answer they get before initialize.
   if (const int result = cp->Start(); result != 0) {
     DL_TRACE(TRACE_CRITICAL, "[CRITICAL ERROR] Startup failed: CallProcessor");
-    DestroyCallProcessor();
+    cp->Shutdown();
+    delete cp;
     return result;
   }
+  engine().cp.store(cp);
   IWave* wave = nullptr;
   if (cp->GetWave(&wave) != 0) {
     DL_TRACE(TRACE_CRITICAL,
@@ -167,6 +173,8 @@ int32_t open_voice(void) { return 0; }
 int32_t close_voice(void) { return 0; }
 
 int32_t send_voice(uint32_t bytes, const uint16_t* pcm) {
+  // A count the signed result cannot carry (a host's -1 among them) is refused unread.
+  if (bytes > static_cast<uint32_t>(INT32_MAX)) return -1;
   IWave* wave = engine().wave.load();
   if (wave == nullptr) return static_cast<int32_t>(bytes);
   const uint32_t frames = bytes / deskline::kVoiceFrameBytes;

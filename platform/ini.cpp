@@ -14,6 +14,8 @@ namespace {
 
 using Tree = boost::property_tree::ptree;
 
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+
 // The parser trims with the stream's locale; the classic one keeps UTF-8 bytes intact.
 bool IsBlank(char c) { return std::isspace(c, std::locale::classic()); }
 
@@ -54,7 +56,7 @@ IniDocument& IniDocument::operator=(IniDocument&&) noexcept = default;
 bool IniDocument::Load(std::string_view text) {
   if (!impl_) impl_ = std::make_unique<Impl>();
   impl_->tree.clear();
-  if (text.substr(0, 3) == "\xEF\xBB\xBF") text.remove_prefix(3);
+  if (text.starts_with(kByteOrderMark)) text.remove_prefix(kByteOrderMark.size());
   try {
     std::istringstream stream{std::string(text)};
     stream.imbue(std::locale::classic());
@@ -120,7 +122,11 @@ std::optional<std::string> IniDocument::Serialize() const {
     std::ostringstream stream;
     stream.imbue(std::locale::classic());
     boost::property_tree::write_ini(stream, impl_->tree);
-    return stream.str();
+    std::string text = stream.str();
+    // Load drops one leading byte order mark; a first name that itself begins with one keeps
+    // it only behind a mark of its own.
+    if (text.starts_with(kByteOrderMark)) text.insert(0, kByteOrderMark);
+    return text;
   } catch (const std::exception&) {
     return std::nullopt;
   }

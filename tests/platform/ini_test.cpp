@@ -78,6 +78,28 @@ TEST(IniTest, DocumentValuesReadBackExactlyAndSetKeepsTheRest) {
   }
 }
 
+// Found by the settings fuzz target: a first key whose name begins with the bytes of a byte
+// order mark lost them on the next write and read, as if they were the file's mark.
+TEST(IniTest, AFirstNameThatBeginsWithAByteOrderMarkSurvivesAWriteAndARead) {
+  const std::string bom = "\xEF\xBB\xBF";
+  for (const std::string& text : {bom + bom + "\x02k=v\n", bom + "k=v\n", bom + "[" + bom + "s]\nk=v\n"}) {
+    SCOPED_TRACE(text);
+    IniDocument document;
+    ASSERT_TRUE(document.Load(text));
+    const std::optional<std::string> written = document.Serialize();
+    ASSERT_TRUE(written.has_value());
+    IniDocument again;
+    ASSERT_TRUE(again.Load(*written));
+    EXPECT_EQ(again.Serialize(), written);
+  }
+  // The name's own mark stays behind a file mark; a plain file is written without one.
+  IniDocument document;
+  ASSERT_TRUE(document.Load(bom + bom + "\x02k=v\n"));
+  EXPECT_EQ(document.Serialize(), std::optional<std::string>(bom + bom + "\x02k=v\n"));
+  ASSERT_TRUE(document.Load(bom + "k=v\n"));
+  EXPECT_EQ(document.Serialize(), std::optional<std::string>("k=v\n"));
+}
+
 TEST(IniTest, DocumentRefusesWhatWouldNotReadBackAndDropsMalformedText) {
   const std::array<std::string_view, 3> refused[] = {
       {"", "k", "v"},     {" S", "k", "v"},   {"S ", "k", "v"},  {"S]x", "k", "v"},

@@ -27,9 +27,6 @@ using deskline::TRACE_ERROR;
 namespace {
 
 std::mutex g_life;  // AudioModuleStart and AudioModuleShutdown, one at a time
-// AudioModuleSetDevice, one at a time: the module retires and makes its recording thread
-// outside its own locks, so two device changes at once could each join the other's thread.
-std::mutex g_set_device;
 std::atomic<CAudio*> g_audio{nullptr};
 std::atomic<int> g_users{0};
 std::atomic<bool> g_closing{false};
@@ -154,10 +151,7 @@ int32_t AudioModuleGetOutDevice(char16_t*** list_out) {
 
 int32_t AudioModuleSetDevice(int32_t output, int32_t file, uint32_t input) {
   // A negative index means "no change"; the input's comes as an unsigned number.
-  if (Use audio; audio) {
-    std::lock_guard one_at_a_time(g_set_device);
-    audio->SetDevice(output, file, static_cast<int32_t>(input));
-  }
+  if (Use audio; audio) audio->SetDevice(output, file, static_cast<int32_t>(input));
   return 0;
 }
 

@@ -16,7 +16,9 @@
 // Every thread is joined by Shutdown (or by the stop that retires it) before its object goes.
 //
 // Locks, always taken in this order, none held while joining a thread that could want it:
-//   voice_lock (PlayVoice against a reopening of the voice output)
+//   device_lock (SetDevice, whole: it retires and makes the recording thread, so two device
+//     changes at once would each join the other's thread; no thread it joins takes it)
+//   -> voice_lock (PlayVoice against a reopening of the voice output)
 //   -> lock (recursive; device openings and the start and stop of file and tone playback)
 //   -> status_lock (leaf; engine_busy against the done messages)
 // capture_lock is held while the host's capture callback runs, so that Shutdown can stop the
@@ -226,6 +228,7 @@ class CAudio final : public CModule {
 
   Volume speaker, ring, mic;
 
+  std::mutex device_lock;
   std::mutex voice_lock;
   std::recursive_mutex lock;
   std::mutex status_lock;

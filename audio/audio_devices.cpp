@@ -112,6 +112,7 @@ int CAudio::GetOutDevice(char16_t*** list_out) {
 
 int CAudio::SetDevice(std::int32_t output, std::int32_t file_index, std::int32_t input) {
   if (RefusedInCallback("SetDevice")) return 0;
+  std::lock_guard one_change_at_a_time(device_lock);
   int result = 0;
   if (output >= 0 && output != output_id.load() + 1) {
     std::lock_guard voice_guard(voice_lock);
